@@ -1,0 +1,45 @@
+// module_state.h: the module-wide state, process attach and detach, and
+// start_module.
+//
+// All of it is constructed empty before attach runs and lives until the
+// process ends. host_name, smtp_service, debug_log and module_handle are
+// written once during attach; spool_dir and mime_dir once by SMTPRecvInit
+// before the listener starts. A non-null smtp_service is the one sign that
+// start-up succeeded.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "frame/counted_string.h"
+#include "frame/event_reporter.h"
+#include "platform/os.h"
+
+namespace qbsmtp {
+
+extern os::HMODULE module_handle;
+extern EventReporter event_reporter;
+extern CountedString host_name;
+extern os::servent* smtp_service;
+extern std::uint32_t debug_log;
+extern CountedString spool_dir;
+extern CountedString mime_dir;
+extern os::SOCKET listen_socket;
+extern std::atomic<std::uint32_t> stop_flag;
+
+// Settings of our own beside DebugLog, read once at load from the settings
+// key; each is a DWORD in seconds, 0 meaning no time-out.
+extern std::uint32_t session_timeout;  // SessionTimeout, default 300
+extern std::uint32_t send_timeout;     // SendTimeout, 0 (absent): the RFC 5321 client defaults
+extern std::uint32_t probe_timeout;    // ProbeTimeout, default 30
+
+// The settings key under HKEY_LOCAL_MACHINE.
+inline constexpr const char* settings_key = "SOFTWARE\\KELTO\\Quillbox32\\SM";
+
+// The loader's entry reasons.
+void process_attach(os::HMODULE handle);
+void process_detach();
+// Starts Winsock, fixes host_name, reads the settings, looks up smtp/tcp.
+void start_module();
+
+}  // namespace qbsmtp

@@ -1,0 +1,82 @@
+// stream.h: Stream, the module's buffered file stream (its FILE).
+//
+// The module reads and writes spool, mime and attachment files through
+// this type rather than the C library's, so that every byte goes through
+// the platform layer (and its fault seam) and the byte operations are an
+// inlined count test in the usual case.
+//
+// Modes as fopen's: "rb", "wb", "ab", and "r" (text mode: CR LF is
+// delivered as LF and byte 26 ends the input, on every platform).
+// Reads can be taken back with ungetc, at least max_pushback bytes in a
+// row, whatever the buffer held. Errors are sticky (error()); a failed
+// open returns null with the reason in the thread's last error.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/os.h"
+
+namespace qbsmtp {
+
+class Stream {
+public:
+    static constexpr int eof = -1;
+    static constexpr std::size_t buffer_size = 64 * 1024;
+    static constexpr std::size_t max_pushback = 64 * 1024;
+
+    // Opens path; null with the last error set on failure.
+    static Stream* open(const char* path, const char* mode);
+    // Flushes, closes and frees the stream: 0, or eof if a write or the
+    // close failed (the last error says why).
+    int close();
+
+    int getc() {
+        if (read_cursor_ < read_end_) return static_cast<unsigned char>(*read_cursor_++);
+        return getc_slow();
+    }
+    // Takes back one byte: the next getc gives c. Result c, or eof.
+    int ungetc(int c);
+    int putc(int c) {
+        if (write_cursor_ < write_end_) {
+            *write_cursor_++ = static_cast<char>(c);
+            return static_cast<unsigned char>(c);
+        }
+        return putc_slow(c);
+    }
+    std::size_t read(void* buffer, std::size_t size);
+    std::size_t write(const void* buffer, std::size_t size);
+    // As fgets: up to size - 1 bytes, ending behind an LF; null at the end.
+    char* gets(char* buffer, int size);
+    // As fprintf: bytes written, or negative on failure.
+    int printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    int flush();
+    // Position as seen by the reader (pushback included); 0 or -1.
+    int getpos(std::int64_t* position);
+    int setpos(const std::int64_t* position);
+    void rewind();
+    bool error() const { return error_; }
+    bool at_end() const { return at_end_; }
+
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+
+private:
+    Stream() = default;
+    ~Stream();
+    int getc_slow();
+    int putc_slow(int c);
+
+    char* read_cursor_ = nullptr;
+    char* read_end_ = nullptr;
+    char* write_cursor_ = nullptr;
+    char* write_end_ = nullptr;
+    bool error_ = false;
+    bool at_end_ = false;
+    // The rest is the implementation's.
+    struct Impl;
+    Impl* impl_ = nullptr;
+    friend struct Impl;
+};
+
+}  // namespace qbsmtp
