@@ -47,8 +47,7 @@ HANDLE CreateFileA(const char* name, DWORD access, DWORD share_mode, void* secur
 // Blocking; a read of 0 bytes with a TRUE result is the end of the file.
 BOOL ReadFile(HANDLE file, void* buffer, DWORD to_read, DWORD* read, void* overlapped);
 // Writes all bytes or fails.
-BOOL WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written,
-               void* overlapped);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written, void* overlapped);
 BOOL SetFilePointerEx(HANDLE file, LONGLONG distance, LONGLONG* new_position, DWORD method);
 BOOL GetFileSizeEx(HANDLE file, LONGLONG* size);
 BOOL CopyFileA(const char* existing, const char* target, BOOL fail_if_exists);
@@ -72,9 +71,8 @@ inline constexpr char path_separator =
 // ---- Registry --------------------------------------------------------------
 // Results are Win32 codes (ERROR_SUCCESS on success), as RegXxx gives them.
 LONG RegOpenKeyExA(HKEY key, const char* sub_key, DWORD options, REGSAM access, HKEY* result);
-LONG RegCreateKeyExA(HKEY key, const char* sub_key, DWORD reserved, char* class_name,
-                     DWORD options, REGSAM access, void* security, HKEY* result,
-                     DWORD* disposition);
+LONG RegCreateKeyExA(HKEY key, const char* sub_key, DWORD reserved, char* class_name, DWORD options,
+                     REGSAM access, void* security, HKEY* result, DWORD* disposition);
 LONG RegCreateKeyA(HKEY key, const char* sub_key, HKEY* result);
 LONG RegCloseKey(HKEY key);
 LONG RegQueryValueExA(HKEY key, const char* name, DWORD* reserved, DWORD* type, BYTE* data,

@@ -246,13 +246,17 @@ constexpr std::uint16_t htons(std::uint16_t v) {
     else
         return v;
 }
-constexpr std::uint16_t ntohs(std::uint16_t v) { return htons(v); }
+constexpr std::uint16_t ntohs(std::uint16_t v) {
+    return htons(v);
+}
 constexpr std::uint32_t htonl(std::uint32_t v) {
     if constexpr (std::endian::native == std::endian::little)
         return (v >> 24) | ((v >> 8) & 0xFF00u) | ((v << 8) & 0xFF0000u) | (v << 24);
     else
         return v;
 }
-constexpr std::uint32_t ntohl(std::uint32_t v) { return htonl(v); }
+constexpr std::uint32_t ntohl(std::uint32_t v) {
+    return htonl(v);
+}
 
 }  // namespace qbsmtp::os
