@@ -132,6 +132,8 @@ int recv(SOCKET s, char* buffer, int length, int flags);
 // Sends all bytes or fails (a blocking Winsock send).
 int send(SOCKET s, const char* buffer, int length, int flags);
 int closesocket(SOCKET s);
+// The local address a socket is bound to (useful after binding port 0).
+int getsockname(SOCKET s, sockaddr* address, int* length);
 
 // ---- Time ------------------------------------------------------------------
 void GetLocalTime(SYSTEMTIME* time);

@@ -29,7 +29,7 @@ TEST(ErrnoMapping, SocketErrorsBecomeWinsockCodes) {
     };
     const Row rows[] = {
         {EADDRINUSE, 10048}, {EADDRNOTAVAIL, 10049}, {ECONNREFUSED, 10061}, {ECONNRESET, 10054},
-        {ETIMEDOUT, 10060},  {EAGAIN, 10060},        {ENOTCONN, 10057},     {EPIPE, 10058},
+        {ETIMEDOUT, 10060},  {EAGAIN, 10060},        {ENOTCONN, 10057},     {EPIPE, 10054},
         {ENOTSOCK, 10038},   {EMFILE, 10024},        {EACCES, 10013},       {12345, 10022},
     };
     for (const Row& row : rows)
