@@ -149,11 +149,11 @@ bool format_argument(const std::string& format, std::uintptr_t raw, std::string*
         return true;
     }
     char buffer[32];
-    std::string spec = "%" + format;
+    std::string conversion = "%" + format;
     if (format[0] == 'l')
-        std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<unsigned long>(raw));
+        std::snprintf(buffer, sizeof buffer, conversion.c_str(), static_cast<unsigned long>(raw));
     else
-        std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<unsigned>(raw));
+        std::snprintf(buffer, sizeof buffer, conversion.c_str(), static_cast<unsigned>(raw));
     *out += buffer;
     return true;
 }
