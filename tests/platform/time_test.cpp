@@ -129,6 +129,7 @@ TEST(TimeZone, BiasesFollowTz) {
         {"UTC0", 0, 0, false},
         {"UTC-1", -60, 0, false},  // a fixed UTC+1 zone
         {"<+0530>-5:30", -330, 0, false},
+        {"EST5EDT", 300, -60, false},
         {"EST5EDT,M3.2.0,M11.1.0", 300, -60, false},
         {"CET-1CEST,M3.5.0,M10.5.0/3", -60, -60, false},
         {"Europe/Rome", -60, -60, true},
