@@ -26,6 +26,9 @@ extern CountedString spool_dir;
 extern CountedString mime_dir;
 extern os::SOCKET listen_socket;
 extern std::atomic<std::uint32_t> stop_flag;
+// 1 from the moment SMTPRecvInit starts the listener thread until that
+// thread ends (the listener clears it); guards against a second listener.
+extern std::atomic<int> listener_running;
 
 // Settings of our own beside DebugLog, read once at load from the settings
 // key; each is a DWORD in seconds, 0 meaning no time-out.

@@ -1,0 +1,89 @@
+// exports.cpp: the frame's exported functions: SMTPSetLogging, SMTPRecvInit
+// and SMTPRecvStop.
+//
+// SMTPRecvInit gives 1 once the listener thread exists; whether the port
+// could be bound reaches the outside only as events. Reception cannot be
+// restarted in the same process: after SMTPRecvStop a new listener sees the
+// stop flag at once.
+
+#include <cstddef>
+
+#include "decomposition/mime_type_map_load.h"
+#include "frame/message_catalogue.h"
+#include "frame/module_state.h"
+#include "frame/paths.h"
+#include "frame/thread_handle.h"
+#include "qbsmtp/qbsmtp.h"
+#include "reception/listener.h"
+
+namespace qbsmtp {
+
+namespace {
+
+// Texts of spool_dir and mime_dir that a later SMTPRecvInit replaced while
+// session threads of an earlier listener may still read them: they stay
+// allocated (and reachable) for the life of the process.
+constexpr std::size_t max_retired_texts = 32;
+char* retired_texts[max_retired_texts];
+std::size_t retired_count = 0;
+bool reception_started = false;
+
+void replace_directory_text(CountedString& target, const char* text) {
+    if (reception_started && target.text != nullptr && retired_count < max_retired_texts) {
+        retired_texts[retired_count++] = target.release();
+    }
+    target = text;
+}
+
+}  // namespace
+
+}  // namespace qbsmtp
+
+using namespace qbsmtp;
+
+extern "C" {
+
+QBSMTP_API void QBSMTP_CALL SMTPSetLogging(uint32_t mask) {
+    event_reporter.logging_mask.store(mask, std::memory_order_relaxed);
+}
+
+QBSMTP_API int32_t QBSMTP_CALL SMTPRecvInit(const char* directory) {
+    if (smtp_service == nullptr) {
+        os::SetLastError(os::ERROR_INVALID_FUNCTION);
+        return 0;
+    }
+    // Two listeners would share listen_socket: refuse while one runs.
+    if (listener_running.load() != 0 && stop_flag.load() == 0) {
+        os::SetLastError(os::ERROR_ALREADY_INITIALIZED);
+        return 0;
+    }
+
+    replace_directory_text(spool_dir, directory);
+    replace_directory_text(mime_dir, directory);
+    append_component(mime_dir, "mime");
+    // Makes the spool directory too, as the parent.
+    if (!ensure_directory(mime_dir)) {
+        return event_reporter.report_error(event::create_directory_failed, mime_dir.c_str(),
+                                           os::GetLastError());
+    }
+
+    load_mime_type_map();
+
+    ThreadHandle listener;
+    listener_running.store(1);
+    if (!listener.start(smtp_listen, nullptr)) {
+        const os::DWORD error = os::GetLastError();
+        listener_running.store(0);
+        return event_reporter.report_error(event::create_thread_failed, "smtp_listen", error);
+    }
+    reception_started = true;
+    listener.close();
+    return 1;
+}
+
+QBSMTP_API int32_t QBSMTP_CALL SMTPRecvStop(void) {
+    stop_flag.store(1);
+    return 1;
+}
+
+}  // extern "C"

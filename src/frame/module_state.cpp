@@ -1,0 +1,120 @@
+// module_state.cpp: the module-wide state, process attach and detach, and
+// start_module.
+//
+// Attach never fails the load: a step that fails reports and leaves the
+// module loaded but disabled, which SMTPRecvInit and SMTPSendInit see as a
+// null smtp_service. smtp_service is written last, so a non-null value
+// means every step before it succeeded.
+
+#include "frame/module_state.h"
+
+#include "frame/message_catalogue.h"
+#include "frame/registry_key.h"
+#include "frame/text_ops.h"
+
+namespace qbsmtp {
+
+// Constant-initialised, so they hold their load state before any
+// constructor of the module runs (attach runs from one).
+constinit os::HMODULE module_handle = nullptr;
+constinit EventReporter event_reporter;
+constinit CountedString host_name;
+constinit os::servent* smtp_service = nullptr;
+constinit std::uint32_t debug_log = 0;
+constinit CountedString spool_dir;
+constinit CountedString mime_dir;
+constinit os::SOCKET listen_socket = os::INVALID_SOCKET;
+constinit std::atomic<std::uint32_t> stop_flag{0};
+constinit std::atomic<int> listener_running{0};
+constinit std::uint32_t session_timeout = 300;
+constinit std::uint32_t send_timeout = 0;
+constinit std::uint32_t probe_timeout = 30;
+
+namespace {
+
+constexpr std::size_t host_name_size = 200;  // with its NUL
+constexpr std::size_t error_text_size = 200;
+constexpr os::WORD winsock_version = 0x0002;  // 2.0
+
+// Our own time-out settings, read beside DebugLog.
+struct TimeoutSetting {
+    const char* name;
+    std::uint32_t* target;
+    std::uint32_t missing;  // the value when the setting is absent
+};
+const TimeoutSetting timeout_settings[] = {
+    {"SessionTimeout", &session_timeout, 300},
+    {"SendTimeout", &send_timeout, 0},
+    {"ProbeTimeout", &probe_timeout, 30},
+};
+
+// host_name gets a text even when it is empty, so "%s" gives "".
+void set_host_name(const char* name) {
+    if (name[0] != '\0') {
+        host_name = name;
+        return;
+    }
+    auto* block = static_cast<char*>(os::LocalAlloc(os::LMEM_FIXED, 1));
+    if (block != nullptr) block[0] = '\0';
+    host_name.adopt(block, 0);
+}
+
+}  // namespace
+
+void process_attach(os::HMODULE handle) {
+    module_handle = handle;
+    // The platform's event log and LoadStringA take their texts from here.
+    os::set_module_resources(module_resources());
+    event_reporter.init();
+    start_module();
+}
+
+void process_detach() {
+    event_reporter.close();
+}
+
+void start_module() {
+    os::WSADATA winsock_data;
+    const int startup_error = os::WSAStartup(winsock_version, &winsock_data);
+    if (startup_error != 0) {
+        // WSAStartup gives its code as its result, not through WSAGetLastError.
+        os::WSASetLastError(startup_error);
+        char text[error_text_size];
+        event_reporter.report(event::winsock_start_failed, winsock_error_text(text, sizeof text));
+        return;
+    }
+
+    RegistryKey settings(os::KEY_READ, os::HKEY_LOCAL_MACHINE);
+    char name[host_name_size];
+    name[0] = '\0';
+    const bool configured =
+        settings.open_subkey(settings_key) && settings.get_string("HostName", name, sizeof name);
+    if (!configured) {
+        if (os::gethostname(name, static_cast<int>(sizeof name)) != 0) {
+            event_reporter.report(event::host_name_unknown, winsock_error_text(name, sizeof name));
+            return;
+        }
+        name[sizeof name - 1] = '\0';
+        // Only for whoever looks at the registry; the module never reads it.
+        settings.reopen_for_write();
+        settings.set_string("ComputedHostName", name);
+    }
+    set_host_name(name);
+
+    settings.get_dword("DebugLog", &debug_log);
+    for (const TimeoutSetting& setting : timeout_settings) {
+        std::uint32_t value = 0;
+        *setting.target = settings.get_dword(setting.name, &value) ? value : setting.missing;
+    }
+
+    os::servent* service = os::getservbyname("smtp", "tcp");
+    if (service == nullptr) {
+        char text[error_text_size];
+        event_reporter.report(event::service_unknown, "smtp/tcp",
+                              winsock_error_text(text, sizeof text));
+        return;
+    }
+    smtp_service = service;
+}
+
+}  // namespace qbsmtp
