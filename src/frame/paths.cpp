@@ -225,13 +225,14 @@ os::HANDLE create_unique_file(const CountedString& directory, char* path, std::s
         const std::uint32_t number =
             (name_counter.fetch_add(1, std::memory_order_relaxed) + 1) % name_modulus + 1;
         // The low-order digits of its eight-digit form.
+        char eight[max_stem];
         std::uint32_t rest = number;
-        for (long long i = max_stem - 1; i >= 0; --i) {
-            if (i < digits)
-                work[stem_offset + static_cast<std::size_t>(i)] =
-                    static_cast<char>('0' + rest % 10);
+        for (int i = max_stem - 1; i >= 0; --i) {
+            eight[i] = static_cast<char>('0' + rest % 10);
             rest /= 10;
         }
+        std::memcpy(work + stem_offset, eight + max_stem - digits,
+                    static_cast<std::size_t>(digits));
         std::memcpy(work + stem_offset + digits, extension, extension_length + 1);
 
         file = os::CreateFileA(work, os::GENERIC_READ | os::GENERIC_WRITE, 0, nullptr,

@@ -21,9 +21,9 @@ using Strings = std::vector<std::string>;
 
 TEST(SeverityMap, TopTwoBitsSelectTheType) {
     const std::pair<std::uint32_t, os::WORD> cases[] = {
-        {0x00000000, 4}, {14, 4},          {0x3FFFFFFF, 4}, {0x40000000, 4}, {0x400051A3, 4},
-        {0x7FFFFFFF, 4}, {0x80000000, 2}, {0x800027D8, 2}, {0xBFFFFFFF, 2}, {0xC0000000, 1},
-        {0xC0004E85, 1}, {0xFFFFFFFF, 1},
+        {0x00000000, 4}, {14, 4},         {0x3FFFFFFF, 4}, {0x40000000, 4},
+        {0x400051A3, 4}, {0x7FFFFFFF, 4}, {0x80000000, 2}, {0x800027D8, 2},
+        {0xBFFFFFFF, 2}, {0xC0000000, 1}, {0xC0004E85, 1}, {0xFFFFFFFF, 1},
     };
     for (const auto& [id, type] : cases) EXPECT_EQ(event_type_of(id), type) << std::hex << id;
 }
@@ -94,15 +94,15 @@ TEST_F(Reports, ErrorTexts) {
     }
     // A code the system knows: its text as it comes.
     char* block = nullptr;
-    ASSERT_GT(os::FormatMessageA(os::FORMAT_MESSAGE_ALLOCATE_BUFFER | os::FORMAT_MESSAGE_FROM_SYSTEM,
-                                 nullptr, os::ERROR_ACCESS_DENIED, 0x400,
-                                 reinterpret_cast<char*>(&block), 0, nullptr),
+    ASSERT_GT(os::FormatMessageA(
+                  os::FORMAT_MESSAGE_ALLOCATE_BUFFER | os::FORMAT_MESSAGE_FROM_SYSTEM, nullptr,
+                  os::ERROR_ACCESS_DENIED, 0x400, reinterpret_cast<char*>(&block), 0, nullptr),
               0u);
     const std::string denied = block;
     os::LocalFree(block);
-    EXPECT_EQ(event_reporter.report_error(event::copy_file_failed, "from", "to",
-                                          os::ERROR_ACCESS_DENIED),
-              0);
+    EXPECT_EQ(
+        event_reporter.report_error(event::copy_file_failed, "from", "to", os::ERROR_ACCESS_DENIED),
+        0);
     EXPECT_EQ(os::GetLastError(), os::ERROR_ACCESS_DENIED);
     // No text from the system: "error %d".
     {

@@ -22,7 +22,7 @@ using Strings = std::vector<std::string>;
 
 // A started module: smtp_service set as start_module leaves it.
 class Reception : public ReportingFrame {
-protected:
+  protected:
     os::servent service{};
     std::string spool = prefix.file("spool");
 

@@ -14,7 +14,7 @@
 namespace qbsmtp::test {
 
 class ReportingFrame : public ::testing::Test {
-protected:
+  protected:
     TempPrefix prefix;
 
     void SetUp() override {

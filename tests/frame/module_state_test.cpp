@@ -3,6 +3,7 @@
 
 #include "frame/module_state.h"
 
+#include <filesystem>
 #include <string>
 
 #include "frame/registry_key.h"
@@ -18,7 +19,7 @@ using test::ReportingFrame;
 using Strings = std::vector<std::string>;
 
 class StartModule : public ReportingFrame {
-protected:
+  protected:
     void put_settings_string(const char* name, const std::string& text) {
         RegistryKey key(os::KEY_ALL_ACCESS, os::HKEY_LOCAL_MACHINE);
         ASSERT_EQ(key.open_subkey(settings_key), 1);

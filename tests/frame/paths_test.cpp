@@ -60,9 +60,16 @@ TEST(PathText, FileNameAndExtension) {
 
 TEST(PathText, RemoveLastComponent) {
     const std::pair<const char*, const char*> cases[] = {
-        {"C:\\a\\b", "C:\\a"}, {"C:\\a", "C:\\"},  {"C:\\", "C:\\"},   {"\\\\", "\\\\"},
-        {"abc", ""},           {"C:\\a\\", "C:\\a"}, {"\\a", "\\"},    {"\\", "\\"},
-        {"a\\b\\c.txt", "a\\b"}, {"", ""},
+        {"C:\\a\\b", "C:\\a"},
+        {"C:\\a", "C:\\"},
+        {"C:\\", "C:\\"},
+        {"\\\\", "\\\\"},
+        {"abc", ""},
+        {"C:\\a\\", "C:\\a"},
+        {"\\a", "\\"},
+        {"\\", "\\"},
+        {"a\\b\\c.txt", "a\\b"},
+        {"", ""},
     };
     for (const auto& [before, after] : cases) {
         SCOPED_TRACE(before);
@@ -141,7 +148,7 @@ TEST(PathText, FailedAllocationLeavesPathUnchanged) {
 }
 
 class PathsOnDisk : public ::testing::Test {
-protected:
+  protected:
     test::TempPrefix prefix;
     std::string root = prefix.file("root");
 
@@ -230,14 +237,14 @@ TEST_F(PathsOnDisk, EnsureDirectoryFailures) {
 }
 
 class UniqueFile : public PathsOnDisk {
-protected:
+  protected:
     // Creates one file and closes it; the name that came back, or "" on failure.
     std::string create(const char* directory, std::size_t capacity, const char* prefix,
                        const char* extension) {
         char path[600];
         std::memset(path, '#', sizeof path);
-        os::HANDLE file = create_unique_file(CountedString(directory), path, capacity, prefix,
-                                             extension);
+        os::HANDLE file =
+            create_unique_file(CountedString(directory), path, capacity, prefix, extension);
         // Nothing is written at or behind capacity.
         for (std::size_t i = capacity; i < sizeof path; ++i) {
             if (path[i] != '#') ADD_FAILURE() << "written at " << i;
@@ -293,10 +300,10 @@ TEST_F(UniqueFile, NoRoomForOneDigit) {
         std::size_t capacity;
     };
     const Case cases[] = {
-        {"eightchr", ".tmp", 260},   // the prefix fills the stem
+        {"eightchr", ".tmp", 260},  // the prefix fills the stem
         {"muchlongerprefix", "", 260},
-        {"abcd", "efgh", 260},       // an extension without a dot takes its length
-        {"rx", ".tmp", 0},           // capacity: nothing written at all
+        {"abcd", "efgh", 260},  // an extension without a dot takes its length
+        {"rx", ".tmp", 0},      // capacity: nothing written at all
         {"rx", ".tmp", 5},
     };
     for (const Case& c : cases) {
@@ -352,12 +359,21 @@ TEST_F(UniqueFile, OtherErrorsStopAtOnce) {
     EXPECT_EQ(last_path, root + os::path_separator + "rx*.tmp");
 }
 
-TEST_F(UniqueFile, SuccessiveNamesDiffer) {
-    const std::string first = create(root.c_str(), 260, "rx", ".tmp");
-    const std::string second = create(root.c_str(), 260, "rx", ".tmp");
-    ASSERT_FALSE(first.empty());
-    ASSERT_FALSE(second.empty());
-    EXPECT_NE(first, second);
+TEST_F(UniqueFile, SuccessiveCallsTakeSuccessiveNumbers) {
+    // The digits are the low-order ones, so each call moves the name on
+    // by one, and none of them collides with the one before.
+    os::fault_clear();
+    long previous = -1;
+    for (int i = 0; i < 12; ++i) {
+        const std::string name = create(root.c_str(), 260, "rx", ".tmp");
+        ASSERT_FALSE(name.empty());
+        const long number = std::stol(name.substr(root.size() + 3, 6));
+        if (previous >= 0 && previous != 999999) {
+            EXPECT_EQ(number, previous + 1) << name;
+        }
+        previous = number;
+    }
+    EXPECT_EQ(os::fault_calls(Op::CreateFileA), 12u);
 }
 
 TEST_F(PathsOnDisk, FileFinder) {

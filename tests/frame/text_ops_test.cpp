@@ -26,14 +26,10 @@ TEST(BoundedText, AppendLimited) {
         const char* result;
     };
     const Case cases[] = {
-        {"abc", "def", 10, "abcdef"},
-        {"abc", "def", 7, "abcdef"},     // exactly fits with its NUL
-        {"abc", "def", 6, "abcde"},
-        {"abc", "def", 4, "abc"},        // held text already fills the room
-        {"abc", "def", 3, "abc"},        // held text as long as size: untouched
-        {"abc", nullptr, 10, "abc"},
-        {"", "def", 1, ""},
-        {"", "", 5, ""},
+        {"abc", "def", 10, "abcdef"}, {"abc", "def", 7, "abcdef"},  // exactly fits with its NUL
+        {"abc", "def", 6, "abcde"},   {"abc", "def", 4, "abc"},  // held text already fills the room
+        {"abc", "def", 3, "abc"},  // held text as long as size: untouched
+        {"abc", nullptr, 10, "abc"},  {"", "def", 1, ""},          {"", "", 5, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.held) + "+" + (c.text ? c.text : "null"));
@@ -96,9 +92,9 @@ TEST_F(MessageTexts, SystemTextsAndTheirFallback) {
 TEST_F(MessageTexts, WinsockCodesOfTheTable) {
     const std::pair<int, const char*> cases[] = {
         {10004, "chiamata a funzione interrotta"},
-        {10060, "connessione scaduta "},  // its blank belongs to it
+        {10060, "connessione scaduta "},         // its blank belongs to it
         {10101, "chiusura soft in esecuzione"},  // string 94, not 101
-        {11001, "host non trovato"},  // string 111
+        {11001, "host non trovato"},             // string 111
         {11004, "nome valido, nessun record di dati del tipo richiesto"},
         {10048, "indirizzo gi\xe0 in uso"},
     };
@@ -122,10 +118,10 @@ TEST_F(MessageTexts, WinsockCodesOutsideTheTable) {
     // 10059 lies between two codes of the table: the system's own text.
     char system_text[200] = {};
     char* block = nullptr;
-    const os::DWORD length = os::FormatMessageA(
-        os::FORMAT_MESSAGE_IGNORE_INSERTS | os::FORMAT_MESSAGE_ALLOCATE_BUFFER |
-            os::FORMAT_MESSAGE_FROM_SYSTEM,
-        nullptr, 10059, 0x400, reinterpret_cast<char*>(&block), 1, nullptr);
+    const os::DWORD length =
+        os::FormatMessageA(os::FORMAT_MESSAGE_IGNORE_INSERTS | os::FORMAT_MESSAGE_ALLOCATE_BUFFER |
+                               os::FORMAT_MESSAGE_FROM_SYSTEM,
+                           nullptr, 10059, 0x400, reinterpret_cast<char*>(&block), 1, nullptr);
     if (length > 0) {
         std::strncpy(system_text, block, sizeof system_text - 1);
         os::LocalFree(block);
@@ -185,7 +181,8 @@ TEST_F(MessageTexts, RegistryFailuresAreAlwaysLogged) {
     const auto events = events_with_id(event::debug_text);
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].strings,
-              std::vector<std::string>{"RegPutValue error 2a on key HKEY_LOCAL_MACHINE\\SOFTWARE\\X\\Value"});
+              std::vector<std::string>{
+                  "RegPutValue error 2a on key HKEY_LOCAL_MACHINE\\SOFTWARE\\X\\Value"});
     EXPECT_EQ(events[1].strings, std::vector<std::string>{"RegPutValue error 5 on key <>"});
 }
 
