@@ -7,7 +7,8 @@
 namespace {
 
 __attribute__((constructor)) void module_loaded() {
-    qbsmtp::process_attach(reinterpret_cast<qbsmtp::os::HMODULE>(&module_loaded));
+    // The platform's handle of the file that holds this code.
+    qbsmtp::process_attach(qbsmtp::os::GetModuleHandleA(nullptr));
 }
 
 __attribute__((destructor)) void module_unloaded() {

@@ -3,7 +3,9 @@
 
 #include "frame/event_reporter.h"
 
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "frame/registry_key.h"
@@ -136,6 +138,124 @@ TEST_F(Reports, GatedByTheLoggingMask) {
     EXPECT_EQ(events[0].id, event::session_started);
     EXPECT_EQ(events[1].id, event::send_succeeded);
     EXPECT_EQ(events[1].strings, Strings{"250"});
+}
+
+// The registration of the source, named after the file that holds the
+// code: here the test program.
+class SourceRegistration : public ::testing::Test {
+  protected:
+    test::TempPrefix prefix;
+    std::string path;
+    std::string source;
+
+    void SetUp() override {
+        setenv("QBSMTP_NO_SYSLOG", "1", 1);
+        os::set_module_resources(module_resources());
+        module_handle = os::GetModuleHandleA(nullptr);
+        char buffer[260];
+        ASSERT_GT(os::GetModuleFileNameA(module_handle, buffer, sizeof buffer), 0u);
+        path = buffer;
+        source = path.substr(path.rfind('/') + 1);
+        source = source.substr(0, source.rfind('.'));
+    }
+    void TearDown() override {
+        os::fault_clear();
+        process_detach();
+    }
+
+    // A value of the source's key: its type and bytes, or type ~0 if missing.
+    std::pair<os::DWORD, std::string> source_value(const char* name) const {
+        const std::string key_name =
+            "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + source;
+        os::HKEY key = nullptr;
+        if (os::RegOpenKeyExA(os::HKEY_LOCAL_MACHINE, key_name.c_str(), 0, os::KEY_READ, &key) != 0)
+            return {~os::DWORD{0}, ""};
+        char data[300] = {};
+        os::DWORD type = 0;
+        os::DWORD size = sizeof data;
+        const os::LONG error = os::RegQueryValueExA(key, name, nullptr, &type,
+                                                    reinterpret_cast<os::BYTE*>(data), &size);
+        os::RegCloseKey(key);
+        if (error != 0) return {~os::DWORD{0}, ""};
+        return {type, std::string(data, size)};
+    }
+};
+
+TEST_F(SourceRegistration, WritesTheSourceKeyAndOpensTheSource) {
+    SMTPSetLogging(0x80000000);
+    EXPECT_EQ(event_reporter.init(), 1);
+    EXPECT_NE(event_reporter.source_handle, nullptr);
+    EXPECT_NE(event_reporter.message_library, nullptr);
+    EXPECT_EQ(event_reporter.mask_has(0xFFFFFFFF), 0u);  // registration clears the mask
+    EXPECT_EQ(source_value("EventMessageFile"),
+              (std::pair<os::DWORD, std::string>{os::REG_EXPAND_SZ, path + '\0'}));
+    const std::uint32_t seven = 7;
+    EXPECT_EQ(source_value("TypesSupported"),
+              (std::pair<os::DWORD, std::string>{
+                  os::REG_DWORD, std::string(reinterpret_cast<const char*>(&seven), 4)}));
+
+    event_reporter.report(event::no_attachment);
+    const auto events = read_events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].source, source);
+    EXPECT_EQ(events[0].text, "Il messaggio non contiene allegati");
+
+    process_detach();
+    EXPECT_EQ(event_reporter.source_handle, nullptr);
+    EXPECT_EQ(event_reporter.message_library, nullptr);
+    event_reporter.report(event::no_attachment);
+    EXPECT_EQ(read_events().size(), 1u);
+}
+
+TEST_F(SourceRegistration, FailuresLeaveOneEventOnAFallbackSource) {
+    struct Case {
+        os::Op op;
+        unsigned nth;
+        const char* what;
+    };
+    const Case cases[] = {
+        {Op::LoadLibraryA, 1, "module reference"},
+        {Op::RegCreateKeyExA, 1, "source key"},
+        {Op::RegSetValueExA, 1, "EventMessageFile"},
+        {Op::RegSetValueExA, 2, "TypesSupported"},
+    };
+    std::size_t expected_events = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        {
+            os::FaultScope fault(c.op, c.nth, os::ERROR_ACCESS_DENIED);
+            EXPECT_EQ(event_reporter.init(), 0);
+        }
+        EXPECT_EQ(event_reporter.source_handle, nullptr);
+        const auto events = read_events();
+        ASSERT_EQ(events.size(), ++expected_events);
+        EXPECT_EQ(events.back().id, 0u);
+        EXPECT_EQ(events.back().type, 1);
+        EXPECT_EQ(events.back().source, source);
+        EXPECT_EQ(events.back().strings, Strings{path});
+        // Later reports vanish.
+        event_reporter.report(event::no_attachment);
+        EXPECT_EQ(read_events().size(), expected_events);
+    }
+    // Not even the fallback source: nothing at all.
+    os::FaultScope fault(Op::LoadLibraryA, 1, os::ERROR_ACCESS_DENIED);
+    os::fault_arm(Op::RegisterEventSourceA, 1, os::ERROR_ACCESS_DENIED);
+    EXPECT_EQ(event_reporter.init(), 0);
+    EXPECT_EQ(read_events().size(), expected_events);
+}
+
+TEST_F(SourceRegistration, AttachRegistersThenStarts) {
+    process_attach(os::GetModuleHandleA(nullptr));
+    EXPECT_EQ(module_handle, os::GetModuleHandleA(nullptr));
+    EXPECT_NE(event_reporter.source_handle, nullptr);
+    EXPECT_NE(smtp_service, nullptr);
+    EXPECT_FALSE(host_name.empty());
+    // No settings key: the failed write-back is the one event, under the
+    // registered source.
+    const auto events = read_events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].id, event::debug_text);
+    EXPECT_EQ(events[0].source, source);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "platform/os.h"
@@ -18,6 +20,7 @@ class ReportingFrame : public ::testing::Test {
     TempPrefix prefix;
 
     void SetUp() override {
+        setenv("QBSMTP_NO_SYSLOG", "1", 1);
         os::set_module_resources(module_resources());
         event_reporter.source_handle = os::RegisterEventSourceA(nullptr, "QBSMTP");
         ASSERT_NE(event_reporter.source_handle, nullptr);

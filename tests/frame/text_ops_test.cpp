@@ -126,7 +126,7 @@ TEST_F(MessageTexts, WinsockCodesOutsideTheTable) {
         std::strncpy(system_text, block, sizeof system_text - 1);
         os::LocalFree(block);
     } else {
-        std::strcpy(system_text, "Error 0000276B");
+        std::strcpy(system_text, "Error 0000274B");
     }
     char buffer[200];
     os::WSASetLastError(10059);

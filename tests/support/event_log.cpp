@@ -20,8 +20,10 @@ std::vector<LoggedEvent> read_events() {
         const auto json = nlohmann::json::parse(line);
         LoggedEvent event;
         event.source = json.value("source", "");
-        event.id = json.value("id", 0u);
-        event.type = json.value("type", 0);
+        event.id = static_cast<std::uint32_t>(std::stoul(json.value("id", "0"), nullptr, 16));
+        const std::string type = json.value("type", "");
+        event.type = type == "error" ? 1 : type == "warning" ? 2 : type == "information" ? 4 : 0;
+        event.text = json.value("text", "");
         for (const auto& text : json.value("strings", nlohmann::json::array())) {
             event.strings.push_back(text.get<std::string>());
         }

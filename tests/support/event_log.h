@@ -11,8 +11,9 @@ namespace qbsmtp::test {
 struct LoggedEvent {
     std::string source;
     std::uint32_t id = 0;
-    int type = 0;
-    std::vector<std::string> strings;  // insertion strings as reported
+    int type = 0;                      // the event type: 1 error, 2 warning, 4 information
+    std::vector<std::string> strings;  // insertion strings, in UTF-8
+    std::string text;                  // the catalogue text filled in, in UTF-8
 };
 
 // Every event logged so far under the current QBSMTP_PREFIX, oldest first.
