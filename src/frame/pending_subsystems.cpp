@@ -1,7 +1,6 @@
 // pending_subsystems.cpp: placeholders until reception, decomposition and
 // sending land their own definitions of these. Each helper deletes its part.
 
-#include "decomposition/mime_type_map_load.h"
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/listener.h"
@@ -12,8 +11,6 @@ unsigned smtp_listen(void*) {
     listener_running.store(0);
     return 0;
 }
-
-void load_mime_type_map() {}
 
 }  // namespace qbsmtp
 

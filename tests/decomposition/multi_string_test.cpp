@@ -179,6 +179,12 @@ TEST(MailRecordFields, CountedTextKeepsOrReplacesItsBlock) {
     set_record_text(record.subject_length, record.subject, record.subject + 1, 2);
     EXPECT_STREQ(record.subject, "ey");
 
+    CountedString value("from a counted string");
+    set_record_text(record.sender_length, record.sender, value);
+    EXPECT_STREQ(record.sender, "from a counted string");
+    EXPECT_EQ(record.sender_length, value.length);
+    EXPECT_NE(record.sender, value.text);  // a copy
+
     set_record_text(record.subject_length, record.subject, nullptr);
     EXPECT_EQ(record.subject, nullptr);
     EXPECT_EQ(record.subject_length, 0);
