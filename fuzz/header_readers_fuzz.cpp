@@ -31,9 +31,7 @@ const std::string& input_path() {
         } else {
             dir = "/tmp";
         }
-        std::string p = dir + "/qbsmtp_fuzz_" + std::to_string(std::random_device{}());
-        std::atexit([] { std::remove(input_path().c_str()); });
-        return p;
+        return dir + "/qbsmtp_fuzz_" + std::to_string(std::random_device{}());
     }();
     return path;
 }
@@ -42,7 +40,9 @@ void check(bool condition) {
     if (!condition) std::abort();
 }
 
-bool terminated(const char* text, std::size_t size) { return std::memchr(text, '\0', size); }
+bool terminated(const char* text, std::size_t size) {
+    return std::memchr(text, '\0', size);
+}
 
 void check_info(const ContentInfo& info) {
     check(terminated(info.boundary, sizeof info.boundary));
@@ -120,5 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     read_tokens(context, variant);
     check(context.input->getc() == Stream::eof);
     check(context.input->close() == 0);
+    // libFuzzer may end the process without running atexit handlers.
+    std::remove(path.c_str());
     return 0;
 }
