@@ -40,9 +40,7 @@ const std::string& input_path() {
         } else {
             dir = "/tmp";
         }
-        std::string p = dir + "/qbsmtp_address_fuzz_" + std::to_string(std::random_device{}());
-        std::atexit([] { std::remove(input_path().c_str()); });
-        return p;
+        return dir + "/qbsmtp_address_fuzz_" + std::to_string(std::random_device{}());
     }();
     return path;
 }
@@ -160,5 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check_record(record);
     free_record(record);
     check(context.input->close() == 0);
+    // libFuzzer may end the process without running atexit handlers.
+    std::remove(path.c_str());
     return 0;
 }
