@@ -28,6 +28,18 @@ TEST(CountedString, EmptyValues) {
     EXPECT_EQ(from_null.text, nullptr);
     EXPECT_EQ(from_empty.text, nullptr);
     EXPECT_EQ(from_empty.length, 0);
+
+    // Assigning null, "" or a length of 0 frees the block.
+    CountedString value("text");
+    value = static_cast<const char*>(nullptr);
+    EXPECT_EQ(value.text, nullptr);
+    value = "text";
+    value.assign("text", 0);
+    EXPECT_EQ(value.text, nullptr);
+    value = "text";
+    value = "";
+    EXPECT_EQ(value.text, nullptr);
+    EXPECT_EQ(value.length, 0);
 }
 
 TEST(CountedString, ConstructionCopies) {
@@ -68,21 +80,6 @@ TEST(CountedString, AssignmentReusesBlockUnlessLonger) {
     EXPECT_STREQ(value.c_str(), "4321");
     value.assign(value.text + 1, 2);
     EXPECT_STREQ(value.c_str(), "32");
-}
-
-TEST(CountedString, NullOrZeroLengthEmpties) {
-    CountedString value("text");
-    value = static_cast<const char*>(nullptr);
-    EXPECT_EQ(value.text, nullptr);
-    EXPECT_EQ(value.length, 0);
-
-    value = "text";
-    value.assign("text", 0);
-    EXPECT_EQ(value.text, nullptr);
-
-    value = "text";
-    value = "";
-    EXPECT_EQ(value.text, nullptr);
 }
 
 TEST(CountedString, AllocatedEmptyTextReadsAsEmpty) {
