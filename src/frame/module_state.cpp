@@ -14,15 +14,32 @@
 
 namespace qbsmtp {
 
+namespace {
+
+// Storage that is never destroyed: detached session threads may still read
+// these texts while the process runs its static destructors at exit.
+template <class T>
+union Immortal {
+    T value;
+    constexpr Immortal() : value() {}
+    ~Immortal() {}
+};
+
+constinit Immortal<CountedString> host_name_storage;
+constinit Immortal<CountedString> spool_dir_storage;
+constinit Immortal<CountedString> mime_dir_storage;
+
+}  // namespace
+
 // Constant-initialised, so they hold their load state before any
 // constructor of the module runs (attach runs from one).
 constinit os::HMODULE module_handle = nullptr;
 constinit EventReporter event_reporter;
-constinit CountedString host_name;
+CountedString& host_name = host_name_storage.value;
 constinit os::servent* smtp_service = nullptr;
 constinit std::uint32_t debug_log = 0;
-constinit CountedString spool_dir;
-constinit CountedString mime_dir;
+CountedString& spool_dir = spool_dir_storage.value;
+CountedString& mime_dir = mime_dir_storage.value;
 constinit os::SOCKET listen_socket = os::INVALID_SOCKET;
 constinit std::atomic<std::uint32_t> stop_flag{0};
 constinit std::atomic<int> listener_running{0};

@@ -19,11 +19,11 @@ namespace qbsmtp {
 
 extern os::HMODULE module_handle;
 extern EventReporter event_reporter;
-extern CountedString host_name;
+extern CountedString& host_name;
 extern os::servent* smtp_service;
 extern std::uint32_t debug_log;
-extern CountedString spool_dir;
-extern CountedString mime_dir;
+extern CountedString& spool_dir;
+extern CountedString& mime_dir;
 extern os::SOCKET listen_socket;
 extern std::atomic<std::uint32_t> stop_flag;
 // 1 from the moment SMTPRecvInit starts the listener thread until that
