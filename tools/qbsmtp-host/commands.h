@@ -1,0 +1,59 @@
+// commands.h: the subcommands of qbsmtp-host and their options.
+//
+// main.cpp reads the command line into these structures and calls the
+// command; each command returns the process's exit status. Every command
+// that loads the module takes it from module_path, or from the default
+// locations when that is empty.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host_record.h"
+
+namespace qbsmtp::host {
+
+// Exit statuses beside 0 and 1 (sysexits.h values, which mail tools share).
+inline constexpr int exit_usage = 64;
+inline constexpr int exit_temporary_failure = 75;
+
+struct ServeOptions {
+    std::string module_path;
+    std::uint32_t mask = 0x80300000u;  // sessions, debug copies, send reports
+    std::string spool;                 // empty: <prefix>/spool
+    int interval_ms = 200;
+    std::optional<int> port;
+    bool delete_taken = false;
+    SubtypeRank subtype_rank = default_subtype_rank();
+};
+
+struct ParseOptions {
+    std::string module_path;
+    std::string spool;  // empty: <prefix>/spool
+    bool delete_taken = false;
+    SubtypeRank subtype_rank = default_subtype_rank();
+};
+
+struct SendOptions {
+    std::string module_path;
+    std::string relay;
+    std::optional<std::string> sender;
+    std::vector<std::string> recipients;
+    std::optional<std::string> subject;
+    std::vector<std::string> files;
+    std::optional<int> port;
+};
+
+struct EventsOptions {
+    bool follow = false;
+    int interval_ms = 200;
+};
+
+int run_serve(const ServeOptions& options);
+int run_parse(const ParseOptions& options);
+int run_send(const SendOptions& options);
+int run_events(const EventsOptions& options);
+
+}  // namespace qbsmtp::host

@@ -1,0 +1,100 @@
+// platform_prefix.cpp: prefix resolution and the services file.
+#include "platform_prefix.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+namespace qbsmtp::host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Splits a services line "name port/protocol aliases... # comment" into
+// its name and port/protocol; false for blank and comment lines.
+bool split_service_line(const std::string& line, std::string& name, std::string& port_protocol) {
+    std::istringstream words(line.substr(0, line.find('#')));
+    return static_cast<bool>(words >> name >> port_protocol);
+}
+
+// The port of an "smtp N/tcp" entry, or nothing for any other line.
+std::optional<int> smtp_tcp_port(const std::string& line) {
+    std::string name, port_protocol;
+    if (!split_service_line(line, name, port_protocol) || name != "smtp") return std::nullopt;
+    const auto slash = port_protocol.find('/');
+    if (slash == std::string::npos || port_protocol.substr(slash + 1) != "tcp") return std::nullopt;
+    const std::string digits = port_protocol.substr(0, slash);
+    if (digits.empty() || digits.size() > 5 ||
+        digits.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    const int port = std::stoi(digits);
+    if (port < 1 || port > 65535) return std::nullopt;
+    return port;
+}
+
+}  // namespace
+
+Prefix resolve_prefix() {
+    Prefix prefix;
+    const char* explicit_prefix = std::getenv("QBSMTP_PREFIX");
+    if (explicit_prefix != nullptr && *explicit_prefix != '\0') {
+        prefix.directory = explicit_prefix;
+        return prefix;
+    }
+    const char* home = std::getenv("HOME");
+    prefix.directory = fs::path(home != nullptr && *home != '\0' ? home : ".") / ".qbsmtp";
+    prefix.is_default = true;
+    return prefix;
+}
+
+std::optional<int> read_smtp_port(const fs::path& services) {
+    std::ifstream input(services);
+    std::string line;
+    while (std::getline(input, line)) {
+        if (auto port = smtp_tcp_port(line)) return port;
+    }
+    return std::nullopt;
+}
+
+bool write_smtp_port(const fs::path& services, int port, std::string& error) {
+    std::vector<std::string> kept;
+    {
+        std::ifstream input(services);
+        std::string line;
+        while (std::getline(input, line)) {
+            if (!smtp_tcp_port(line)) kept.push_back(line);
+        }
+    }
+    std::error_code failure;
+    fs::create_directories(services.parent_path(), failure);
+    // Written beside and renamed over, so the module never reads half a file.
+    const fs::path temporary = services.string() + ".new";
+    {
+        std::ofstream output(temporary, std::ios::trunc);
+        output << "smtp " << port << "/tcp\n";
+        for (const auto& line : kept) output << line << '\n';
+        output.flush();
+        if (!output) {
+            error = "cannot write " + temporary.string();
+            return false;
+        }
+    }
+    fs::rename(temporary, services, failure);
+    if (failure) {
+        error = "cannot replace " + services.string() + ": " + failure.message();
+        fs::remove(temporary, failure);
+        return false;
+    }
+    return true;
+}
+
+int effective_smtp_port(const Prefix& prefix) {
+    if (auto port = read_smtp_port(prefix.services())) return *port;
+    if (auto port = read_smtp_port("/etc/services")) return *port;
+    return 25;
+}
+
+}  // namespace qbsmtp::host

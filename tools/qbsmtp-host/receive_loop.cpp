@@ -1,0 +1,59 @@
+// receive_loop.cpp: one round of SMTPRecvNext and the disposal of its file.
+#include "receive_loop.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "record_json.h"
+
+namespace qbsmtp::host {
+
+namespace fs = std::filesystem;
+
+bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error) {
+    std::error_code failure;
+    const fs::path source(path);
+    // Gone already (removed by hand): the module can't take it again either.
+    if (!fs::exists(source, failure) && !failure) return true;
+    if (delete_taken) {
+        if (fs::remove(path, failure)) return true;
+        error = "cannot delete " + path + (failure ? ": " + failure.message() : "");
+        return false;
+    }
+    const fs::path done = source.parent_path() / "done";
+    fs::create_directories(done, failure);
+    if (failure) {
+        error = "cannot create " + done.string() + ": " + failure.message();
+        return false;
+    }
+    fs::path target = done / source.filename();
+    for (int suffix = 1; fs::exists(target, failure); ++suffix)
+        target = done / (source.filename().string() + "." + std::to_string(suffix));
+    fs::rename(source, target, failure);
+    if (failure) {
+        error = "cannot move " + path + " to " + target.string() + ": " + failure.message();
+        return false;
+    }
+    return true;
+}
+
+RoundResult receive_one(const Module& module, const ReceiveSettings& settings, std::ostream& out,
+                        std::string& error) {
+    const Allocator allocator{module.local_alloc, module.local_free};
+    MailRecord record;
+    prepare_for_receive(record, settings.subtype_rank.data());
+    const bool ok = module.recv_next(&record) == 1;
+    if (record.file == nullptr || *record.file == '\0') {
+        release_record(record, allocator);
+        return ok ? RoundResult::empty : RoundResult::failed_empty;
+    }
+    const std::string taken = record.file;
+    out << record_to_json(record, ok).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+        << '\n'
+        << std::flush;
+    release_record(record, allocator);
+    return dispose_spool_file(taken, settings.delete_taken, error) ? RoundResult::printed
+                                                                   : RoundResult::stuck;
+}
+
+}  // namespace qbsmtp::host

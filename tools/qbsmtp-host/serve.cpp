@@ -1,0 +1,139 @@
+// serve.cpp: the gateway as a service. Starts reception, polls
+// SMTPRecvNext, prints each record as a JSON line on stdout, and echoes
+// the module's warnings and errors to stderr as they are logged.
+//
+// Stopping: SMTPRecvStop only sets a flag that the listener looks at when
+// accept next returns, so after it the host makes one loopback connection
+// to its own port. The listener wakes, closes that connection unanswered
+// and ends, and the host exits; sessions still running end with the
+// process, and a message they had not yet acknowledged was never accepted.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include "commands.h"
+#include "event_log.h"
+#include "module_loader.h"
+#include "platform_prefix.h"
+#include "receive_loop.h"
+#include "stop_signals.h"
+
+namespace qbsmtp::host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Longest wait for the listener to close the wake-up connection.
+constexpr int wake_timeout_seconds = 2;
+
+// Connects to the listener on loopback so that its blocked accept returns
+// and it sees the stop flag; waits (bounded) until it has closed the
+// connection, so the listener is done before the process exits.
+void wake_listener(int port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (s < 0) return;
+    timeval timeout{wake_timeout_seconds, 0};
+    ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        char sink[256];
+        while (::recv(s, sink, sizeof sink, 0) > 0) {
+        }
+    }
+    ::close(s);
+}
+
+// Writes the port into the prefix before the module reads it: the one
+// given, or on the first run of the default prefix the unprivileged one.
+bool settle_port(const Prefix& prefix, const std::optional<int>& port) {
+    std::string error;
+    std::error_code failure;
+    if (port) {
+        if (write_smtp_port(prefix.services(), *port, error)) return true;
+    } else if (prefix.is_default && !fs::exists(prefix.services(), failure)) {
+        if (write_smtp_port(prefix.services(), first_run_port, error)) return true;
+    } else {
+        return true;
+    }
+    std::cerr << "qbsmtp-host: " << error << '\n';
+    return false;
+}
+
+void echo_alarming_events(EventLogReader& events) {
+    for (const auto& line : events.read_new_lines()) {
+        const std::string type = event_type(line);
+        if (type == "error" || type == "warning")
+            std::cerr << "qbsmtp-host: event: " << format_event(line) << '\n';
+    }
+}
+
+}  // namespace
+
+int run_serve(const ServeOptions& options) {
+    const Prefix prefix = resolve_prefix();
+    if (!settle_port(prefix, options.port)) return 1;
+    const int port = effective_smtp_port(prefix);
+    // Before the module loads, so that its threads never take the signals
+    // and its load-time events are echoed too.
+    block_stop_signals();
+    EventLogReader events(prefix.events(), true);
+
+    Module module;
+    std::string error;
+    if (!module.load(module_candidates(options.module_path), error)) {
+        std::cerr << "qbsmtp-host: " << error << '\n';
+        return 1;
+    }
+    std::error_code failure;
+    const fs::path spool =
+        fs::absolute(options.spool.empty() ? prefix.spool() : fs::path(options.spool), failure);
+    module.set_logging(options.mask);
+    if (module.recv_init(spool.c_str()) != 1) {
+        echo_alarming_events(events);
+        std::cerr << "qbsmtp-host: SMTPRecvInit(" << spool.string()
+                  << ") failed; the event log says why (qbsmtp-host events)\n";
+        return 1;
+    }
+    std::cerr << "qbsmtp-host: listening for SMTP on port " << port
+              << " (all IPv4 addresses); spool " << spool.string() << "; events "
+              << prefix.events().string() << "; module " << module.path << std::endl;
+
+    ReceiveSettings settings{options.subtype_rank, options.delete_taken};
+    bool warned_failed_empty = false;
+    int status = 0;
+    for (;;) {
+        const RoundResult result = receive_one(module, settings, std::cout, error);
+        echo_alarming_events(events);
+        if (result == RoundResult::stuck) {
+            std::cerr << "qbsmtp-host: " << error << "; stopping, since the module would take "
+                      << "the same file again\n";
+            status = 1;
+            break;
+        }
+        if (result == RoundResult::failed_empty && !warned_failed_empty) {
+            std::cerr << "qbsmtp-host: SMTPRecvNext failed without taking a message\n";
+            warned_failed_empty = true;
+        }
+        // A taken message may have others behind it: look again at once.
+        const int wait = result == RoundResult::printed ? 0 : options.interval_ms;
+        if (wait_for_stop_signal(wait)) break;
+    }
+    module.recv_stop();
+    wake_listener(port);
+    echo_alarming_events(events);
+    std::cerr << "qbsmtp-host: stopped" << std::endl;
+    return status;
+}
+
+}  // namespace qbsmtp::host
