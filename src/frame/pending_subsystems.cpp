@@ -16,9 +16,6 @@ unsigned smtp_listen(void*) {
 
 extern "C" {
 
-QBSMTP_API int32_t QBSMTP_CALL SMTPRecvNext(MailRecord*) {
-    return 0;
-}
 QBSMTP_API int32_t QBSMTP_CALL SMTPSendInit(const char*) {
     return 0;
 }

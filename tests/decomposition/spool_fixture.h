@@ -43,6 +43,34 @@ inline std::string crlf(const std::string& text) {
     return out;
 }
 
+// RFC 2045 base64 of bytes, in lines of 76 characters ended by CR LF.
+inline std::string base64(const std::string& bytes) {
+    static const char alphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string encoded;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t n = bytes.size() - i < 3 ? bytes.size() - i : 3;
+        unsigned bits = 0;
+        for (std::size_t j = 0; j < 3; ++j)
+            bits = bits << 8 | (j < n ? static_cast<unsigned char>(bytes[i + j]) : 0u);
+        for (std::size_t j = 0; j < 4; ++j)
+            encoded += j <= n ? alphabet[(bits >> (18 - 6 * j)) & 63] : '=';
+        if (i % 57 == 54 || i + 3 >= bytes.size()) encoded += "\r\n";
+    }
+    return encoded;
+}
+
+// Bytes of every value, in a pattern of the given length.
+inline std::string binary_bytes(std::size_t length, unsigned seed = 1) {
+    std::string bytes(length, '\0');
+    unsigned state = seed;
+    for (char& c : bytes) {
+        state = state * 1103515245u + 12345u;
+        c = static_cast<char>(state >> 16);
+    }
+    return bytes;
+}
+
 class SpoolFixture : public ::testing::Test {
   protected:
     TempPrefix prefix;
