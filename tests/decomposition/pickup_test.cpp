@@ -47,6 +47,19 @@ TEST_F(Pickup, PlainTextMessage) {
     EXPECT_EQ(attachment_contents(), Strings{"Hello\r\n\r\nWorld"});
     EXPECT_EQ(extensions(), Strings{".txt"});
     expect_under_mime();
+    // The header fields went to their handlers: From overwrote Return-Path.
+    ASSERT_NE(record.sender, nullptr);
+    EXPECT_EQ(std::string(record.sender), "mario@sender.example");
+    ASSERT_NE(record.sender_name, nullptr);
+    EXPECT_EQ(std::string(record.sender_name), "Mario Rossi");
+    ASSERT_NE(record.to, nullptr);
+    EXPECT_EQ(std::string(record.to), "12345@John");
+    ASSERT_NE(record.to_names, nullptr);
+    EXPECT_EQ(std::string(record.to_names), "12345/John@faxserver.example");
+    ASSERT_NE(record.subject, nullptr);
+    EXPECT_EQ(std::string(record.subject), "Prova");
+    // 18 November 2026, 11:00:00 UTC.
+    EXPECT_EQ((std::uint64_t{record.date.high} << 32 | record.date.low), 0x1DD774BF48B3800u);
     // The spool file stays for the host to remove.
     EXPECT_TRUE(std::filesystem::exists(path));
 }
