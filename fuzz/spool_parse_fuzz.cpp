@@ -1,6 +1,6 @@
 // spool_parse_fuzz.cpp: whole spool files through SMTPRecvNext: header
-// dispatch, multipart walk and decoders. The mime directory is emptied
-// after every input, so it stays bounded whatever an input makes.
+// dispatch, multipart walk and decoders. The spool tree is removed after
+// every input, so it stays bounded whatever an input makes.
 //
 // Checked on every input, beside the sanitizers: the result is 0 or 1, the
 // record names the spool file, every listed file exists under mime_dir,
@@ -40,8 +40,10 @@ struct Tree {
     fs::path message;
 };
 
-// A scratch prefix with the spool tree, on tmpfs where there is one; set up
-// as SMTPRecvInit leaves the module, without a listener.
+// A scratch prefix for the spool tree, on tmpfs where there is one; set up
+// as SMTPRecvInit leaves the module, without a listener. The types file is
+// read once, when the map loads; the tree itself lives for one input only,
+// so nothing is left behind whichever way the fuzzer ends.
 const Tree& tree() {
     static const Tree made = [] {
         Tree t;
@@ -62,10 +64,8 @@ const Tree& tree() {
         spool_dir = t.spool.c_str();
         mime_dir = t.mime.c_str();
         mime_type_map.load();
-        std::atexit([] {
-            std::error_code ignored;
-            fs::remove_all(tree().root, ignored);
-        });
+        std::error_code ignored;
+        fs::remove_all(t.root, ignored);
         return t;
     }();
     return made;
@@ -83,6 +83,7 @@ void free_record(MailRecord& record) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Tree& t = tree();
+    fs::create_directories(t.mime);
     FILE* file = std::fopen(t.message.c_str(), "wb");
     if (file == nullptr) return 0;
     if (size > 0) std::fwrite(data, 1, size, file);
@@ -109,7 +110,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& entry : fs::directory_iterator(t.mime)) present.insert(entry.path().string());
     if (result == 1) check(present == listed);
 
-    for (const std::string& path : present) fs::remove(path);
     free_record(record);
+    std::error_code ignored;
+    fs::remove_all(t.root, ignored);
     return 0;
 }
