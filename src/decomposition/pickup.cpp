@@ -9,6 +9,7 @@
 #include "decomposition/mail_record.h"
 #include "decomposition/multipart_walk.h"
 #include "decomposition/part_output.h"
+#include "decomposition/uuencoded_body.h"
 #include "frame/module_state.h"
 #include "frame/paths.h"
 #include "qbsmtp/qbsmtp.h"
@@ -130,9 +131,12 @@ void parse_message(ParseContext& context) {
     bool body_done = false;
     if (!header.mime_seen || info.type == type_unknown) {
         apply_plain_rule(info);
-        // Inline uuencoded blocks in a plain body are split off here, and
-        // body_done set, once that reader is part of the module; until then
-        // a plain body is always one text file.
+        // A failed split leaves attachments empty and input where the body
+        // starts, so the body is then filed whole as plain text.
+        if (has_uuencoded_block(context.input) == 1 &&
+            split_uuencoded_body(context.input, context.record->attachments) != 2) {
+            body_done = true;
+        }
     }
     if (!body_done) {
         if (info.type == type_multipart) {
