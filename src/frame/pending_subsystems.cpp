@@ -13,14 +13,3 @@ unsigned smtp_listen(void*) {
 }
 
 }  // namespace qbsmtp
-
-extern "C" {
-
-QBSMTP_API int32_t QBSMTP_CALL SMTPSendInit(const char*) {
-    return 0;
-}
-QBSMTP_API int32_t QBSMTP_CALL SMTPSend(MailRecord*) {
-    return 0;
-}
-
-}  // extern "C"

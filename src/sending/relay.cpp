@@ -1,0 +1,129 @@
+// relay.cpp: SMTPSendInit and SMTPSend, the two exports of the sending
+// side.
+//
+// SMTPSend runs the whole conversation inside one try block. Every end,
+// the good one too, is a thrown Exception; the one catch closes what is
+// open and turns the value into the result and temporary_failure.
+
+#include "sending/relay.h"
+
+#include <cstring>
+
+#include "frame/message_catalogue.h"
+#include "frame/module_state.h"
+#include "frame/text_ops.h"
+#include "qbsmtp/qbsmtp.h"
+#include "sending/message_composition.h"
+#include "sending/smtp_client.h"
+
+namespace qbsmtp {
+
+os::sockaddr_in relay_address{};
+
+namespace {
+
+int send_init(const char* relay_host) {
+    if (smtp_service == nullptr) {
+        os::SetLastError(os::ERROR_INVALID_FUNCTION);
+        return 0;
+    }
+    os::hostent* host = relay_host != nullptr ? os::gethostbyname(relay_host) : nullptr;
+    if (relay_host == nullptr) os::WSASetLastError(os::WSAEFAULT);
+    if (host != nullptr &&
+        (host->h_addr_list == nullptr || host->h_addr_list[0] == nullptr || host->h_length != 4)) {
+        host = nullptr;  // no IPv4 address to take
+        os::WSASetLastError(os::WSANO_DATA);
+    }
+    if (host == nullptr) {
+        char text[200];
+        return event_reporter.report(event::relay_address_unknown, relay_host,
+                                     winsock_error_text(text, sizeof text));
+    }
+    os::sockaddr_in address{};
+    address.sin_family = os::AF_INET;
+    std::memcpy(&address.sin_addr, host->h_addr_list[0], 4);
+    address.sin_port = static_cast<std::uint16_t>(smtp_service->s_port);  // network order already
+    relay_address = address;
+    log_debug("Connecting to %s <%s>", relay_host, host->h_name != nullptr ? host->h_name : "");
+    return 1;
+}
+
+// Runs the conversation; always ends in a throw.
+[[noreturn]] void converse(const MailRecord& record, SmtpClient& client) {
+    if (!prepare_message(record, client)) throw Exception::failed_for_good;
+    client.setup_buffers();
+
+    client.socket = os::socket(os::AF_INET, os::SOCK_STREAM, 0);
+    if (client.socket == os::INVALID_SOCKET) {
+        char text[200];
+        event_reporter.report(event::socket_failed, winsock_error_text(text, sizeof text));
+        throw Exception::failed_for_now;
+    }
+    set_phase_timeout(client, Phase::connect);  // SO_SNDTIMEO bounds connect on Linux
+    if (os::connect(client.socket, reinterpret_cast<const os::sockaddr*>(&relay_address),
+                    sizeof relay_address) != 0) {
+        char address[16];
+        char text[200];
+        winsock_error_text(text, sizeof text);
+        event_reporter.report(event::connect_failed,
+                              format_dotted_quad(address, relay_address.sin_addr), text);
+        throw Exception::failed_for_now;
+    }
+    client.connected = 1;
+
+    set_phase_timeout(client, Phase::greeting);
+    const int code = read_reply(client);
+    if (code != 220) {
+        report_unexpected_reply(code);
+        throw Exception::failed_for_now;
+    }
+    log_debug("Successfully connected!");
+    set_phase_timeout(client, Phase::command);
+    issue_helo(client);
+
+    send_mail(client);
+
+    if (client.connected) {
+        set_phase_timeout(client, Phase::command);
+        issue_quit(client);
+    }
+    throw Exception::delivered;
+}
+
+int send(MailRecord* record) {
+    if (record == nullptr) {
+        os::SetLastError(os::ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    Exception outcome = Exception::failed_for_now;
+    {
+        SmtpClient client;
+        try {
+            converse(*record, client);
+        } catch (Exception thrown) {
+            outcome = thrown;
+        } catch (...) {
+            // Nothing of ours throws anything else; never let it reach the host.
+            event_reporter.report(event::internal_inconsistency, "SMTPSend");
+        }
+        client.clean_up();
+    }
+    record->temporary_failure = outcome == Exception::failed_for_now ? 1 : 0;
+    return outcome == Exception::delivered ? 1 : 0;
+}
+
+}  // namespace
+
+}  // namespace qbsmtp
+
+extern "C" {
+
+QBSMTP_API int32_t QBSMTP_CALL SMTPSendInit(const char* relay_host) {
+    return qbsmtp::send_init(relay_host);
+}
+
+QBSMTP_API int32_t QBSMTP_CALL SMTPSend(MailRecord* record) {
+    return qbsmtp::send(record);
+}
+
+}  // extern "C"
