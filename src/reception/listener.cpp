@@ -1,0 +1,163 @@
+// listener.cpp: smtp_listen, the accept loop, and session_thread.
+
+#include "reception/listener.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "frame/message_catalogue.h"
+#include "frame/module_state.h"
+#include "frame/text_ops.h"
+#include "qbsmtp/qbsmtp.h"
+#include "reception/port_probe.h"
+#include "reception/session_dialogue.h"
+#include "reception/session_io.h"
+#include "reception/smtp_session.h"
+
+namespace qbsmtp {
+
+namespace {
+
+constexpr int listen_backlog = 5;
+constexpr std::size_t error_text_size = 200;
+
+// Closes the listening socket, then reports id with the text of the
+// Winsock error that made it necessary. The code is kept across the
+// close, which could otherwise replace it.
+int close_and_report(os::SOCKET socket, std::uint32_t id) {
+    const int code = os::WSAGetLastError();
+    os::closesocket(socket);
+    os::WSASetLastError(code);
+    char text[error_text_size];
+    return event_reporter.report(id, winsock_error_text(text, sizeof text));
+}
+
+// Clears listener_running on every way out of the listener thread.
+struct ListenerRunning {
+    ListenerRunning() = default;
+    ListenerRunning(const ListenerRunning&) = delete;
+    ListenerRunning& operator=(const ListenerRunning&) = delete;
+    ~ListenerRunning() { listener_running.store(0); }
+};
+
+// Opens the port: 1 with the socket listening, 0 when the thread is to end
+// (reported, socket closed).
+int open_port(os::SOCKET socket) {
+    os::sockaddr_in address{};
+    address.sin_family = os::AF_INET;
+    address.sin_addr.s_addr = os::INADDR_ANY;
+    address.sin_port = static_cast<std::uint16_t>(smtp_service->s_port);
+    const auto* name = reinterpret_cast<const os::sockaddr*>(&address);
+    log_debug("Starting SMTP listen");
+    if (os::bind(socket, name, sizeof address) < 0) {
+        const int code = os::WSAGetLastError();
+        if (code != os::WSAEADDRINUSE && code != os::WSAEADDRNOTAVAIL)
+            return close_and_report(socket, event::bind_failed);
+        // The port is taken: by another server, or only held by the system.
+        event_reporter.report(event::port_in_use);
+        if (TestSMTP("localhost", address.sin_port) == 0) {
+            os::closesocket(socket);  // the probe has said who answered
+            return 0;
+        }
+        const int one = 1;
+        const int result = os::setsockopt(socket, os::SOL_SOCKET, os::SO_REUSEADDR,
+                                          reinterpret_cast<const char*>(&one), sizeof one);
+        if (result < 0) return close_and_report(socket, event::setsockopt_failed);
+        log_debug("setSocktOpt returned %x", static_cast<unsigned>(result));
+        if (os::bind(socket, name, sizeof address) < 0)
+            return close_and_report(socket, event::bind_failed);
+    }
+    if (os::listen(socket, listen_backlog) < 0)
+        return close_and_report(socket, event::listen_failed);
+    return 1;
+}
+
+// Gives an accepted connection its session and thread. The socket is the
+// session's once the thread runs, else it is closed here.
+void start_session(os::SOCKET connection) {
+    SmtpSession* session = make_session();
+    if (session == nullptr) {
+        event_reporter.report(event::no_memory_for_session);
+        os::closesocket(connection);
+        return;
+    }
+    session->socket = connection;
+    if (!session->thread.start(session_thread, session)) {
+        const os::DWORD error = os::GetLastError();
+        event_reporter.report_error(event::create_thread_failed, "smtp_session", error);
+        free_session(session);
+        os::closesocket(connection);
+        return;
+    }
+    // Our last touch of the session: from here on its thread owns it.
+    session->start_latch.open();
+}
+
+}  // namespace
+
+void apply_session_timeout(os::SOCKET socket) {
+    if (session_timeout == 0) return;
+    const os::DWORD milliseconds = static_cast<os::DWORD>(
+        std::min<std::uint64_t>(std::uint64_t{session_timeout} * 1000, 0xFFFFFFFFu));
+    const char* value = reinterpret_cast<const char*>(&milliseconds);
+    if (os::setsockopt(socket, os::SOL_SOCKET, os::SO_RCVTIMEO, value, sizeof milliseconds) < 0 ||
+        os::setsockopt(socket, os::SOL_SOCKET, os::SO_SNDTIMEO, value, sizeof milliseconds) < 0)
+        log_debug("session time-out not set: error %d", os::WSAGetLastError());
+}
+
+unsigned smtp_listen(void*) {
+    ListenerRunning running;
+    const os::SOCKET socket = os::socket(os::AF_INET, os::SOCK_STREAM, 0);
+    listen_socket.store(socket);
+    if (socket == os::INVALID_SOCKET) {
+        char text[error_text_size];
+        event_reporter.report(event::socket_failed, winsock_error_text(text, sizeof text));
+        return 0;
+    }
+    if (!open_port(socket)) return 0;
+    for (;;) {
+        if (stop_flag.load() != 0) {
+            os::shutdown(socket, os::SD_BOTH);
+            os::closesocket(socket);
+            return 0;
+        }
+        os::sockaddr_in peer{};
+        int peer_length = sizeof peer;
+        const os::SOCKET connection =
+            os::accept(socket, reinterpret_cast<os::sockaddr*>(&peer), &peer_length);
+        log_debug("accept returned %x", static_cast<unsigned>(connection));
+        if (connection == os::INVALID_SOCKET) continue;
+        if (stop_flag.load() != 0) {
+            // The connection that woke us after a stop gets no reply.
+            os::closesocket(connection);
+            continue;
+        }
+        start_session(connection);
+    }
+}
+
+unsigned session_thread(void* argument) {
+    auto* session = static_cast<SmtpSession*>(argument);
+    session->start_latch.wait();
+    event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::session_started);
+    session->spool = nullptr;
+    session_reset_buffers(*session);
+    apply_session_timeout(session->socket);
+    try {
+        smtp_session(*session);
+    } catch (...) {
+        // A failed send ends the dialogue; the clean-up below is the same.
+    }
+    if (session->spool != nullptr) {
+        // A message still under reception has had no 250: it goes.
+        session->spool->close();
+        session->spool = nullptr;
+        os::DeleteFileA(session->spool_path);
+    }
+    os::closesocket(session->socket);
+    event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::session_ended);
+    free_session(session);
+    return 0;
+}
+
+}  // namespace qbsmtp

@@ -1,0 +1,70 @@
+// reception_fixture.h: the module, loaded and receiving on a free loopback
+// port, for the tests of SMTP reception.
+//
+// The fixture makes a fresh QBSMTP_PREFIX with a services file that gives
+// smtp its own free port, a registry with a fixed host name (and whatever
+// settings the test adds), attaches the module and calls SMTPRecvInit on a
+// spool directory inside the prefix.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/event_log.h"
+#include "support/smtp_test_client.h"
+#include "support/temp_prefix.h"
+
+namespace qbsmtp::test {
+
+inline constexpr const char* test_host_name = "mx.example.test";
+
+class ReceptionFixture {
+  public:
+    // settings: further lines of .reg text for the settings key, such as
+    // "\"SessionTimeout\"=dword:00000001". start: call SMTPRecvInit.
+    explicit ReceptionFixture(std::string_view settings = {}, bool start = true);
+    ReceptionFixture(const ReceptionFixture&) = delete;
+    ReceptionFixture& operator=(const ReceptionFixture&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    const std::string& spool() const { return spool_; }
+    const TempPrefix& prefix() const { return prefix_; }
+    // SMTPRecvInit on the spool directory; its result.
+    int start() const;
+
+    // A connected client that has read the greeting (into greeting).
+    std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const;
+
+    // Full paths of the files in the spool directory (not below it) whose
+    // names end in suffix, sorted.
+    std::vector<std::string> spool_files(std::string_view suffix) const;
+
+  private:
+    TempPrefix prefix_;
+    std::uint16_t port_;
+    std::string spool_;
+};
+
+std::string read_whole_file(const std::string& path);
+
+// The text of a message file behind its two trace header lines; the whole
+// file if it has fewer lines.
+std::string body_behind_trace_headers(const std::string& file_text);
+
+// Runs HELO (unless helo is empty), MAIL, RCPT and DATA on client, then
+// sends text as it stands (the caller writes the end marker) and gives the
+// reply to it. Replies of the envelope are checked with gtest assertions.
+std::string transmit(SmtpTestClient& client, std::string_view text,
+                     std::string_view helo = "client.example.test",
+                     std::string_view sender = "sender@example.test");
+
+// The first event with id, waiting for it up to seconds: reports from
+// other threads reach the log a little after the reply that follows them.
+std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds = 10);
+std::size_t count_events(std::uint32_t id);
+
+}  // namespace qbsmtp::test
