@@ -82,8 +82,10 @@ void start_session(os::SOCKET connection) {
         return;
     }
     session->socket = connection;
+    sessions_running.fetch_add(1);
     if (!session->thread.start(session_thread, session)) {
         const os::DWORD error = os::GetLastError();
+        sessions_running.fetch_sub(1);
         event_reporter.report_error(event::create_thread_failed, "smtp_session", error);
         free_session(session);
         os::closesocket(connection);
@@ -157,6 +159,7 @@ unsigned session_thread(void* argument) {
     os::closesocket(session->socket);
     event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::session_ended);
     free_session(session);
+    sessions_running.fetch_sub(1);
     return 0;
 }
 

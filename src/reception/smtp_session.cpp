@@ -6,6 +6,8 @@
 
 namespace qbsmtp {
 
+constinit std::atomic<int> sessions_running{0};
+
 SmtpSession* make_session() {
     void* block = os::LocalAlloc(os::LMEM_FIXED, sizeof(SmtpSession));
     if (block == nullptr) return nullptr;

@@ -7,6 +7,7 @@
 // session_thread, never by the destructor.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -69,6 +70,12 @@ class SmtpSession {
     SmtpSession(const SmtpSession&) = delete;
     SmtpSession& operator=(const SmtpSession&) = delete;
 };
+
+// Session threads started and not yet ended: raised before a session's
+// thread starts, lowered as the thread's last touch of module state. No
+// list of sessions exists; the count lets a test process wait until no
+// session reads the module-wide texts any more before they are destroyed.
+extern std::atomic<int> sessions_running;
 
 // Allocates a session with LocalAlloc (so a test can make it fail through
 // the fault seam); null when there is no memory.

@@ -7,6 +7,7 @@
 
 #include "frame/message_catalogue.h"
 #include "platform/os_fault.h"
+#include "qbsmtp/qbsmtp.h"
 #include "support/event_log.h"
 #include "support/reception_fixture.h"
 

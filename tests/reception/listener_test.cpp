@@ -4,12 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
+#include <ostream>
 #include <string>
 #include <thread>
 
@@ -70,6 +66,11 @@ struct OpeningFault {
     const char* error_text;  // its Winsock text
 };
 
+// Test names say what a case is; its bytes say nothing.
+void PrintTo(const OpeningFault& c, std::ostream* out) {
+    *out << c.name;
+}
+
 class OpeningFailure : public ::testing::TestWithParam<OpeningFault> {};
 
 TEST_P(OpeningFailure, ReportsAndNothingListens) {
@@ -91,8 +92,9 @@ INSTANTIATE_TEST_SUITE_P(
                                    event::socket_failed, "troppi file aperti"},
                       OpeningFault{"bind", os::Op::bind, 1, os::WSAEACCES, false,
                                    event::bind_failed, "permesso negato"},
-                      OpeningFault{"second_bind", os::Op::bind, 1, os::WSAEADDRINUSE, true,
-                                   event::bind_failed, "indirizzo gi\xe0 in uso"},
+                      OpeningFault{"second_bind", os::Op::bind, 1, os::WSAEADDRNOTAVAIL, true,
+                                   event::bind_failed,
+                                   "impossibile assegnare gli indirizzi richiesti"},
                       OpeningFault{"listen", os::Op::listen, 1, os::WSAENOBUFS, false,
                                    event::listen_failed, "nessuno spazio nel buffer disponibile"}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -117,6 +119,11 @@ struct TakenPort {
     int error;
 };
 
+// Test names say what a case is; its bytes say nothing.
+void PrintTo(const TakenPort& c, std::ostream* out) {
+    *out << c.name;
+}
+
 class PortTakenByNobody : public ::testing::TestWithParam<TakenPort> {};
 
 TEST_P(PortTakenByNobody, WarnsRebindsAndServes) {
@@ -138,18 +145,12 @@ INSTANTIATE_TEST_SUITE_P(Codes, PortTakenByNobody,
 
 TEST(Listener, PortHeldByASocketThatDoesNotListen) {
     ReceptionFixture module({}, false);
-    const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int one = 1;
-    ::setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(module.port());
-    ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    PortHolder holder(module.port());
+    ASSERT_TRUE(holder.bound());
     ASSERT_EQ(module.start(), 1);
     auto client = module.connect();
     EXPECT_EQ(client->command("NOOP"), "250 Quillbox SMTP OK\r\n");
     EXPECT_EQ(count_events(event::port_in_use), 1u);
-    ::close(holder);
 }
 
 TEST(Listener, FailedAcceptIsRetriedAtOnce) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <ostream>
 #include <random>
 #include <regex>
 #include <set>
@@ -49,6 +50,11 @@ std::vector<TextCase> text_cases() {
         {"dots_on_every_line", ".a\r\n..b\r\n...c\r\n.\r\n", "a\r\n.b\r\n..c"},
         {"marker_needs_line_start", "a.\r\n.\r\n", "a."},
     };
+}
+
+// Test names say what a case is; its bytes say nothing.
+void PrintTo(const TextCase& c, std::ostream* out) {
+    *out << c.name;
 }
 
 class ReceiveText : public ::testing::TestWithParam<TextCase> {};
@@ -184,6 +190,11 @@ struct StampCase {
     os::LONG bias, standard_bias, daylight_bias;
     const char* stamp;
 };
+
+// Test names say what a case is; its bytes say nothing.
+void PrintTo(const StampCase& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class TimeStamp : public ::testing::TestWithParam<StampCase> {};
 

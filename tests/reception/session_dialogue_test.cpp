@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -168,6 +169,11 @@ std::vector<DialogueCase> dialogue_cases() {
                        {"RCPT TO:<x>\r\n", need_mail}}),
          "old", "h"},
     };
+}
+
+// Test names say what a case is; its bytes say nothing.
+void PrintTo(const DialogueCase& c, std::ostream* out) {
+    *out << c.name;
 }
 
 class DialogueTranscript : public ::testing::TestWithParam<DialogueCase> {};

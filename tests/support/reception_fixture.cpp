@@ -16,6 +16,7 @@
 
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
+#include "reception/smtp_session.h"
 
 namespace qbsmtp::test {
 
@@ -31,6 +32,13 @@ ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
         << settings << "\n";
     process_attach(nullptr);
     if (start_now && start() != 1) ADD_FAILURE() << "SMTPRecvInit failed";
+}
+
+ReceptionFixture::~ReceptionFixture() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (sessions_running.load() != 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(sessions_running.load(), 0) << "sessions still running";
 }
 
 int ReceptionFixture::start() const {

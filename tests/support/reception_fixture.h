@@ -27,6 +27,9 @@ class ReceptionFixture {
     // settings: further lines of .reg text for the settings key, such as
     // "\"SessionTimeout\"=dword:00000001". start: call SMTPRecvInit.
     explicit ReceptionFixture(std::string_view settings = {}, bool start = true);
+    // Waits until every session thread has ended, so that none still reads
+    // the module's texts when the process destroys them.
+    ~ReceptionFixture();
     ReceptionFixture(const ReceptionFixture&) = delete;
     ReceptionFixture& operator=(const ReceptionFixture&) = delete;
 

@@ -142,6 +142,19 @@ std::string SmtpTestClient::command(std::string_view line) {
     return read_reply();
 }
 
+PortHolder::PortHolder(std::uint16_t port) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in address = loopback(port);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    bound_ = ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+PortHolder::~PortHolder() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
 std::uint16_t free_tcp_port() {
     std::random_device seed;
     std::mt19937 random(seed());

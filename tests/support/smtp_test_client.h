@@ -49,6 +49,21 @@ class SmtpTestClient {
     std::string pending_;  // received, not yet handed out
 };
 
+// A socket bound to a port with SO_REUSEADDR that never listens: a port
+// that something holds while nobody serves it.
+class PortHolder {
+  public:
+    explicit PortHolder(std::uint16_t port);
+    ~PortHolder();
+    PortHolder(const PortHolder&) = delete;
+    PortHolder& operator=(const PortHolder&) = delete;
+    bool bound() const { return bound_; }
+
+  private:
+    int fd_ = -1;
+    bool bound_ = false;
+};
+
 // A TCP port on which nothing is bound now, outside the ephemeral range.
 std::uint16_t free_tcp_port();
 
