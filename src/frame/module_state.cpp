@@ -40,7 +40,7 @@ constinit os::servent* smtp_service = nullptr;
 constinit std::uint32_t debug_log = 0;
 CountedString& spool_dir = spool_dir_storage.value;
 CountedString& mime_dir = mime_dir_storage.value;
-constinit os::SOCKET listen_socket = os::INVALID_SOCKET;
+constinit std::atomic<os::SOCKET> listen_socket{os::INVALID_SOCKET};
 constinit std::atomic<std::uint32_t> stop_flag{0};
 constinit std::atomic<int> listener_running{0};
 constinit std::uint32_t session_timeout = 300;

@@ -24,7 +24,9 @@ extern os::servent* smtp_service;
 extern std::uint32_t debug_log;
 extern CountedString& spool_dir;
 extern CountedString& mime_dir;
-extern os::SOCKET listen_socket;
+// Atomic: after a stop, a second listener may start while the first still
+// waits in accept, and each records its socket here.
+extern std::atomic<os::SOCKET> listen_socket;
 extern std::atomic<std::uint32_t> stop_flag;
 // 1 from the moment SMTPRecvInit starts the listener thread until that
 // thread ends (the listener clears it); guards against a second listener.
