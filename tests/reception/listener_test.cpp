@@ -13,6 +13,7 @@
 #include "platform/os.h"
 #include "platform/os_fault.h"
 #include "qbsmtp/qbsmtp.h"
+#include "reception/smtp_session.h"
 #include "support/event_log.h"
 #include "support/reception_fixture.h"
 
@@ -287,6 +288,20 @@ TEST(Listener, SilentSessionEndsAfterTheTimeout) {
     // Ended by the module, not by the client's own (much longer) time-out.
     EXPECT_LT(std::chrono::steady_clock::now() - start,
               std::chrono::seconds(SmtpTestClient::read_timeout_seconds / 2));
+}
+
+TEST(Listener, PeerThatNeverReadsIsEndedByTheTimeout) {
+    ReceptionFixture module("\"SessionTimeout\"=dword:00000001");
+    auto client = module.connect();
+    // Each HELP draws 976 bytes; unread, they fill the socket buffers until
+    // the session's send blocks. Only the send time-out can end it then.
+    std::string commands;
+    for (int i = 0; i < 20000; ++i) commands += "HELP\r\n";
+    client->send(commands);  // may fail once the session has gone
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (sessions_running.load() != 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(sessions_running.load(), 0);
 }
 
 TEST(Listener, ActivityKeepsASessionWithATimeout) {
