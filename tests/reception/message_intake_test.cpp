@@ -176,6 +176,23 @@ TEST(MessageIntake, DebugCopyUnderItsTemporaryName) {
     EXPECT_EQ(read_whole_file(module.spool() + "/Debug/" + copy_name), read_whole_file(files[0]));
 }
 
+TEST(MessageIntake, RepeatedMessageGetsIts250ButNoSecondFile) {
+    ReceptionFixture module;
+    SMTPSetLogging(QBSMTP_LOG_DEBUG_COPY);
+    auto client = module.connect();
+    const std::string text = "Message-Id: <same@example.test>\r\n\r\nbody\r\n.\r\n";
+    EXPECT_EQ(transmit(*client, text), accepted);
+    EXPECT_EQ(transmit(*client, text, ""), accepted);
+    client->command("NOOP");
+    EXPECT_EQ(module.spool_files(".822").size(), 1u);
+    EXPECT_TRUE(module.spool_files(".tmp").empty());
+    // The debug copy is made before the filter looks, so for the repeat too.
+    std::size_t copies = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(module.spool() + "/Debug"))
+        copies += entry.is_regular_file();
+    EXPECT_EQ(copies, 2u);
+}
+
 TEST(MessageIntake, NoDebugCopyWithoutTheMaskBit) {
     ReceptionFixture module;
     SMTPSetLogging(QBSMTP_LOG_SESSIONS);
