@@ -61,7 +61,9 @@ def deliver(port, kind, pdf_file):
             message.add_attachment(f.read(), maintype="application", subtype="pdf",
                                    filename="fattura.pdf")
         recipients = ["12345/office@fax.example", "carla@example.org"]
-    data = message.as_bytes().replace(b"SUBJECT-PLACEHOLDER", PDF_SUBJECT_RAW.encode())
+    # CR LF line ends, as SMTP wants them: sendmail sends bytes unchanged.
+    data = message.as_bytes(policy=message.policy.clone(linesep="\r\n"))
+    data = data.replace(b"SUBJECT-PLACEHOLDER", PDF_SUBJECT_RAW.encode())
     with smtplib.SMTP("127.0.0.1", int(port), timeout=TIMEOUT) as client:
         refused = client.sendmail("anna@example.org", recipients, data)
         if refused:

@@ -87,6 +87,29 @@ TEST_F(PrefixTest, ReadingThePortSkipsWhatIsNotAnSmtpTcpEntry) {
     EXPECT_EQ(read_smtp_port(directory / "missing"), std::nullopt);
 }
 
+TEST_F(PrefixTest, ATemporaryPortLeavesTheFileAsItWas) {
+    const fs::path services = directory / "services";
+    std::string error;
+    {
+        TemporarySmtpPort port;  // no file before: none after
+        ASSERT_TRUE(port.apply(services, 2626, error)) << error;
+        EXPECT_EQ(read_smtp_port(services), 2626);
+    }
+    EXPECT_FALSE(fs::exists(services));
+
+    const std::string before = "# mine\nsmtp 2525/tcp\n";
+    std::ofstream(services) << before;
+    TemporarySmtpPort port;
+    ASSERT_TRUE(port.apply(services, 25, error)) << error;
+    EXPECT_EQ(read_smtp_port(services), 25);
+    port.restore();
+    EXPECT_EQ(read(services), before);
+    port.restore();  // once only: a later change is not undone
+    std::ofstream(services, std::ios::trunc) << "smtp 2727/tcp\n";
+    port.restore();
+    EXPECT_EQ(read_smtp_port(services), 2727);
+}
+
 TEST_F(PrefixTest, EffectivePortComesFromThePrefixFirst) {
     setenv("QBSMTP_PREFIX", directory.c_str(), 1);
     const Prefix prefix = resolve_prefix();

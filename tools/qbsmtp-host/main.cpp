@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
     send_command->add_option("--subject", send.subject, "Subject");
     send_command
         ->add_option("--port", send.port,
-                     "The relay's port: written as \"smtp PORT/tcp\" into <prefix>/services")
+                     "The relay's port for this message (default: the service smtp's)")
         ->check(port_range);
     send_command
         ->add_option("files", send.files,

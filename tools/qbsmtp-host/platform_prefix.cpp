@@ -91,6 +91,42 @@ bool write_smtp_port(const fs::path& services, int port, std::string& error) {
     return true;
 }
 
+bool TemporarySmtpPort::apply(const fs::path& services, int port, std::string& error) {
+    restore();
+    std::error_code failure;
+    original_.reset();
+    if (fs::exists(services, failure)) {
+        std::ifstream input(services, std::ios::binary);
+        std::stringstream bytes;
+        bytes << input.rdbuf();
+        if (!input) {
+            error = "cannot read " + services.string();
+            return false;
+        }
+        original_ = bytes.str();
+    }
+    if (!write_smtp_port(services, port, error)) return false;
+    services_ = services;
+    applied_ = true;
+    return true;
+}
+
+void TemporarySmtpPort::restore() {
+    if (!applied_) return;
+    applied_ = false;
+    std::error_code failure;
+    if (!original_) {
+        fs::remove(services_, failure);
+        return;
+    }
+    const fs::path temporary = services_.string() + ".new";
+    {
+        std::ofstream output(temporary, std::ios::binary | std::ios::trunc);
+        output << *original_;
+    }
+    fs::rename(temporary, services_, failure);
+}
+
 int effective_smtp_port(const Prefix& prefix) {
     if (auto port = read_smtp_port(prefix.services())) return *port;
     if (auto port = read_smtp_port("/etc/services")) return *port;

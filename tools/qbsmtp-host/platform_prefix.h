@@ -35,6 +35,27 @@ std::optional<int> read_smtp_port(const std::filesystem::path& services);
 // directory if needed. False with error set if the file can't be written.
 bool write_smtp_port(const std::filesystem::path& services, int port, std::string& error);
 
+// An smtp/tcp entry for one load of the module: apply() writes it as
+// write_smtp_port does, restore() (or the destructor) puts back the file
+// as it was, or removes it if there was none. The module reads the file
+// once, when it loads, so restoring right after the load leaves the
+// prefix's own port to every later run.
+class TemporarySmtpPort {
+  public:
+    TemporarySmtpPort() = default;
+    TemporarySmtpPort(const TemporarySmtpPort&) = delete;
+    TemporarySmtpPort& operator=(const TemporarySmtpPort&) = delete;
+    ~TemporarySmtpPort() { restore(); }
+
+    bool apply(const std::filesystem::path& services, int port, std::string& error);
+    void restore();
+
+  private:
+    std::filesystem::path services_;
+    std::optional<std::string> original_;  // the file's bytes; nothing if there was no file
+    bool applied_ = false;
+};
+
 // The port the module will listen on and send to: the prefix's services
 // file first, then the system's, then 25.
 int effective_smtp_port(const Prefix& prefix);

@@ -4,7 +4,9 @@
 // blocks with the module's LocalFree.
 //
 // The module sends to the relay's port of the service "smtp", as the
-// prefix's services file (else the system's) gives it; --port writes it.
+// prefix's services file (else the system's) gives it. --port sets it for
+// this message only: the entry is written for the module's load and put
+// back right after, so serve keeps its own port.
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -43,13 +45,16 @@ bool fill_send_record(MailRecord& record, const SendOptions& options, const Allo
 int run_send(const SendOptions& options) {
     const Prefix prefix = resolve_prefix();
     std::string error;
-    if (options.port && !write_smtp_port(prefix.services(), *options.port, error)) {
+    TemporarySmtpPort relay_port;
+    if (options.port && !relay_port.apply(prefix.services(), *options.port, error)) {
         std::cerr << "qbsmtp-host: " << error << '\n';
         return 1;
     }
     block_stop_signals();
     Module module;
-    if (!module.load(module_candidates(options.module_path), error)) {
+    const bool loaded = module.load(module_candidates(options.module_path), error);
+    relay_port.restore();
+    if (!loaded) {
         std::cerr << "qbsmtp-host: " << error << '\n';
         return 1;
     }

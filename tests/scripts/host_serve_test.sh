@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# qbsmtp-host serve from the build tree: its start-up line and port file,
+# a mail received over loopback into the spool, the session events in the
+# log and through "events", and a clean stop on SIGTERM that closes the
+# port.
+set -euo pipefail
+source "$(dirname "$0")/host_test_lib.sh"
+HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
+[ -x "$HOST" ] || fail "no host program at $HOST"
+
+# --- serve: one mail in, its events, a clean stop ------------------------------
+prefix="$WORK/prefix"
+port=$("$PYTHON" "$PEER" free-port)
+start_serve "$prefix" "$port" --mask 0x80000000
+grep -qx "smtp $port/tcp" "$prefix/services" || fail "--port not written to services"
+grep -q "spool $prefix/spool" "$WORK/serve.err" || fail "start-up line names no spool"
+grep -q "events $prefix/events.jsonl" "$WORK/serve.err" || fail "start-up line names no event log"
+
+make_pdf "$WORK/fattura.pdf"
+timeout 30 "$PYTHON" "$PEER" deliver "$port" plain "$WORK/fattura.pdf" || fail "delivery refused"
+spooled() { compgen -G "$prefix/spool/*.822" >/dev/null || compgen -G "$prefix/spool/done/*.822" >/dev/null; }
+wait_until 20 spooled || fail "no spool file after the delivery"
+wait_until 20 grep -qs '"0x40004EAB"' "$prefix/events.jsonl" || fail "no end-of-session event"
+QBSMTP_PREFIX="$prefix" timeout 10 "$HOST" events >"$WORK/events.txt"
+grep -q "information  0x40004EA3  Inizio sessione ricezione$" "$WORK/events.txt" ||
+  fail "events does not show the session start: $(cat "$WORK/events.txt")"
+
+stop_serve
+wait_until 10 port_is_closed "$port" || fail "port $port still open after the stop"
+echo "host_serve_test: ok"
