@@ -1,6 +1,7 @@
 // os_win32_socket.cpp: Winsock 2: WSAStartup, names and services, and the
 // calls of blocking stream sockets. Errors are Winsock's own, read with
-// WSAGetLastError.
+// WSAGetLastError. SO_SNDTIMEO bounds send() only: unlike Linux, Windows
+// does not apply it to connect(), which keeps the system's own time-out.
 //
 // Winsock keeps a gethostbyname or getservbyname entry in storage of the
 // calling thread, which the next call on that thread overwrites and the
@@ -144,6 +145,10 @@ int recv(SOCKET s, char* buffer, int length, int flags) {
 int send(SOCKET s, const char* buffer, int length, int flags) {
     if (fault_hit(Op::send)) return SOCKET_ERROR;
     return ::send(native_socket(s), buffer, length, flags);
+}
+
+int getsockname(SOCKET s, sockaddr* address, int* length) {
+    return ::getsockname(native_socket(s), reinterpret_cast<::sockaddr*>(address), length);
 }
 
 int closesocket(SOCKET s) {
