@@ -1,19 +1,14 @@
 // The MailRecord as a host sees it: a block of bytes with fields at fixed
 // offsets. On a 32-bit build (the i386 preset) these are the offsets of the
 // 32-bit Windows module; on 64 bits the same order with natural alignment.
-// The module writes a record with its own writers, and the test reads it
-// back by offset alone, as a host compiled from another header would; then
-// the other way round.
+// A record written by offset alone, as a host compiled from another header
+// would write it, reads right through the module's own declaration.
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
-#include "decomposition/mail_record.h"
-#include "platform/os.h"
 #include "qbsmtp/qbsmtp.h"
 
 namespace qbsmtp {
@@ -81,34 +76,6 @@ const FieldPlace& field_named(const char* name) {
     return fields[0];
 }
 
-// What a host reads at a field's offset in the record's bytes.
-std::int32_t int_at(const unsigned char* bytes, const char* name) {
-    std::int32_t value;
-    std::memcpy(&value, bytes + offset_of(field_named(name)), sizeof value);
-    return value;
-}
-const char* pointer_at(const unsigned char* bytes, const char* name) {
-    const char* value;
-    std::memcpy(&value, bytes + offset_of(field_named(name)), sizeof value);
-    return value;
-}
-std::vector<std::string> list_at(const unsigned char* bytes, const char* name) {
-    std::vector<std::string> entries;
-    for (const char* entry = pointer_at(bytes, name); entry != nullptr && *entry != '\0';
-         entry += std::strlen(entry) + 1)
-        entries.emplace_back(entry);
-    return entries;
-}
-
-void free_record(MailRecord& record) {
-    for (char** block : {&record.file, &record.sender, &record.sender_name, &record.to,
-                         &record.to_names, &record.cc, &record.cc_names, &record.bcc,
-                         &record.bcc_names, &record.subject, &record.attachments}) {
-        if (*block != nullptr) os::LocalFree(*block);
-        *block = nullptr;
-    }
-}
-
 TEST(RecordLayout, FieldsStandAtTheirOffsetsWithoutGapsOrOverlaps) {
     MailRecord record{};
     const auto* base = reinterpret_cast<const unsigned char*>(&record);
@@ -126,51 +93,6 @@ TEST(RecordLayout, FieldsStandAtTheirOffsetsWithoutGapsOrOverlaps) {
     }
     EXPECT_EQ(sizeof(MailRecord), narrow ? 76u : 144u);
     EXPECT_EQ(expected_next, sizeof(MailRecord));
-}
-
-TEST(RecordLayout, RecordWrittenByTheModuleReadsRightByOffset) {
-    MailRecord record{};
-    set_record_text(record.file_length, record.file, "C:\\spool\\rx000001.822");
-    set_record_text(record.sender_length, record.sender, "mario@example.it");
-    set_record_text(record.sender_name_length, record.sender_name, "Mario Rossi");
-    set_record_text(record.subject_length, record.subject, "Fattura n\xb0 12");
-    append_record_list(record.to, "0612345678");
-    append_record_list(record.to, "0698765432");
-    append_record_list(record.cc_names, "Ufficio");
-    append_record_list(record.attachments, "C:\\spool\\mime\\part1.txt");
-    record.date = {0x89ABCDEFu, 0x01D9F00Du};
-    record.temporary_failure = 1;
-    const unsigned char rank[QBSMTP_SUBTYPE_COUNT] = {3};
-    record.subtype_rank = rank;
-
-    unsigned char bytes[sizeof(MailRecord)];
-    std::memcpy(bytes, &record, sizeof bytes);
-
-    EXPECT_EQ(int_at(bytes, "file_length"), 21);
-    EXPECT_STREQ(pointer_at(bytes, "file"), "C:\\spool\\rx000001.822");
-    EXPECT_EQ(int_at(bytes, "sender_length"), 16);
-    EXPECT_STREQ(pointer_at(bytes, "sender"), "mario@example.it");
-    EXPECT_EQ(int_at(bytes, "sender_name_length"), 11);
-    EXPECT_STREQ(pointer_at(bytes, "sender_name"), "Mario Rossi");
-    EXPECT_EQ(int_at(bytes, "subject_length"), 13);
-    EXPECT_STREQ(pointer_at(bytes, "subject"), "Fattura n\xb0 12");
-    EXPECT_EQ(list_at(bytes, "to"), (std::vector<std::string>{"0612345678", "0698765432"}));
-    EXPECT_EQ(list_at(bytes, "cc_names"), std::vector<std::string>{"Ufficio"});
-    EXPECT_EQ(list_at(bytes, "attachments"),
-              std::vector<std::string>{"C:\\spool\\mime\\part1.txt"});
-    for (const char* empty : {"to_names", "cc", "bcc", "bcc_names"})
-        EXPECT_EQ(pointer_at(bytes, empty), nullptr) << empty;
-    // The date is low word first, then high word.
-    EXPECT_EQ(static_cast<std::uint32_t>(int_at(bytes, "date")), 0x89ABCDEFu);
-    std::uint32_t high;
-    std::memcpy(&high, bytes + offset_of(field_named("date")) + 4, sizeof high);
-    EXPECT_EQ(high, 0x01D9F00Du);
-    EXPECT_EQ(int_at(bytes, "temporary_failure"), 1);
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(pointer_at(bytes, "subtype_rank")), rank);
-
-    // The blocks are the host's to release with LocalFree.
-    EXPECT_GE(os::LocalSize(record.file), 22u);
-    free_record(record);
 }
 
 TEST(RecordLayout, RecordWrittenByOffsetReadsRightByField) {
