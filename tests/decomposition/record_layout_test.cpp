@@ -1,15 +1,18 @@
 // The MailRecord as a host sees it: a block of bytes with fields at fixed
 // offsets. On a 32-bit build (the i386 preset) these are the offsets of the
 // 32-bit Windows module; on 64 bits the same order with natural alignment.
-// A record written by offset alone, as a host compiled from another header
-// would write it, reads right through the module's own declaration.
+// A host compiled from another header prepares a record by offset alone,
+// SMTPRecvNext fills it, and the host reads every field back by offset.
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "qbsmtp/qbsmtp.h"
+#include "spool_fixture.h"
 
 namespace qbsmtp {
 namespace {
@@ -76,6 +79,29 @@ const FieldPlace& field_named(const char* name) {
     return fields[0];
 }
 
+// What a host reads at a field's offset in the record's bytes.
+std::int32_t int_at(const unsigned char* bytes, const char* name) {
+    std::int32_t value;
+    std::memcpy(&value, bytes + offset_of(field_named(name)), sizeof value);
+    return value;
+}
+const char* pointer_at(const unsigned char* bytes, const char* name) {
+    const char* value;
+    std::memcpy(&value, bytes + offset_of(field_named(name)), sizeof value);
+    return value;
+}
+std::string text_at(const unsigned char* bytes, const char* name) {
+    const char* text = pointer_at(bytes, name);
+    return text != nullptr ? text : "(null)";
+}
+std::vector<std::string> list_at(const unsigned char* bytes, const char* name) {
+    std::vector<std::string> entries;
+    for (const char* entry = pointer_at(bytes, name); entry != nullptr && *entry != '\0';
+         entry += std::strlen(entry) + 1)
+        entries.emplace_back(entry);
+    return entries;
+}
+
 TEST(RecordLayout, FieldsStandAtTheirOffsetsWithoutGapsOrOverlaps) {
     MailRecord record{};
     const auto* base = reinterpret_cast<const unsigned char*>(&record);
@@ -128,6 +154,51 @@ TEST(RecordLayout, RecordWrittenByOffsetReadsRightByField) {
     EXPECT_EQ(record.subtype_rank, rank);
     EXPECT_EQ(record.file, nullptr);
     EXPECT_EQ(record.attachments, nullptr);
+}
+
+using RecordByOffset = test::SpoolFixture;
+
+TEST_F(RecordByOffset, RecordFilledByTheModuleReadsRightByOffset) {
+    const std::string path = spool_message(
+        test::crlf("From: Mario Rossi <mario@sender.example>\n"
+                   "To: 12345/John@faxserver.example, 678/Anna@faxserver.example\n"
+                   "Cc: 999/Ufficio@faxserver.example\n"
+                   "Subject: Fattura\nDate: Wed, 18 Nov 2026 12:00:00 +0100\n\nIn allegato."));
+
+    // The host clears the record and sets its rank table and a marker in
+    // temporary_failure, which SMTPRecvNext leaves alone, all by offset.
+    alignas(MailRecord) unsigned char bytes[sizeof(MailRecord)] = {};
+    const unsigned char* rank = ranks;
+    std::memcpy(bytes + offset_of(field_named("subtype_rank")), &rank, sizeof rank);
+    const std::int32_t marker = 0x5A5A;
+    std::memcpy(bytes + offset_of(field_named("temporary_failure")), &marker, sizeof marker);
+    std::memcpy(&record, bytes, sizeof record);
+
+    ASSERT_EQ(SMTPRecvNext(&record), 1);
+    std::memcpy(bytes, &record, sizeof bytes);
+
+    EXPECT_EQ(text_at(bytes, "file"), path);
+    EXPECT_EQ(int_at(bytes, "file_length"), static_cast<std::int32_t>(path.size()));
+    EXPECT_EQ(text_at(bytes, "sender"), "mario@sender.example");
+    EXPECT_EQ(int_at(bytes, "sender_length"), 20);
+    EXPECT_EQ(text_at(bytes, "sender_name"), "Mario Rossi");
+    EXPECT_EQ(int_at(bytes, "sender_name_length"), 11);
+    EXPECT_EQ(text_at(bytes, "subject"), "Fattura");
+    EXPECT_EQ(int_at(bytes, "subject_length"), 7);
+    EXPECT_EQ(list_at(bytes, "to"), (std::vector<std::string>{"12345@John", "678@Anna"}));
+    EXPECT_EQ(list_at(bytes, "to_names"), (std::vector<std::string>{"12345/John@faxserver.example",
+                                                                    "678/Anna@faxserver.example"}));
+    EXPECT_EQ(list_at(bytes, "cc"), std::vector<std::string>{"999@Ufficio"});
+    EXPECT_EQ(pointer_at(bytes, "bcc"), nullptr);
+    EXPECT_EQ(pointer_at(bytes, "bcc_names"), nullptr);
+    EXPECT_EQ(list_at(bytes, "attachments").size(), 1u);
+    // 18 November 2026, 11:00:00 UTC: low word, then high word.
+    std::uint32_t date[2];
+    std::memcpy(date, bytes + offset_of(field_named("date")), sizeof date);
+    EXPECT_EQ(date[0], 0xF48B3800u);
+    EXPECT_EQ(date[1], 0x1DD774Bu);
+    EXPECT_EQ(int_at(bytes, "temporary_failure"), marker);
+    EXPECT_EQ(reinterpret_cast<const unsigned char*>(pointer_at(bytes, "subtype_rank")), rank);
 }
 
 }  // namespace
