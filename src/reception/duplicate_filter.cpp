@@ -88,7 +88,10 @@ int read_message_id(SpoolFileReader& file, char (&id)[max_message_id + 1]) {
 }  // namespace
 
 RecentMessage (&recent_messages)[recent_message_slots] = recent_message_storage.slots;
-constinit std::mutex recent_messages_lock;
+// Not constinit: mingw's std::mutex has no constexpr constructor. It is
+// still ready before attach: glibc's mutex is constant-initialised, and on
+// Windows the runtime runs static constructors before DllMain.
+std::mutex recent_messages_lock;
 
 int SpoolFileReader::read_file_byte() {
     if (cursor_ == count_) {
