@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "decomposition/address_fields.h"
@@ -27,26 +26,14 @@
 #include "frame/stream.h"
 #include "platform/os.h"
 
+#include "fuzz_support.h"
 namespace {
 
 using namespace qbsmtp;
 
 const std::string& input_path() {
-    static const std::string path = [] {
-        std::string dir = "/dev/shm";
-        if (FILE* probe = std::fopen((dir + "/.qbsmtp_probe").c_str(), "wb")) {
-            std::fclose(probe);
-            std::remove((dir + "/.qbsmtp_probe").c_str());
-        } else {
-            dir = "/tmp";
-        }
-        return dir + "/qbsmtp_address_fuzz_" + std::to_string(std::random_device{}());
-    }();
+    static const std::string path = fuzz::scratch_path("qbsmtp_address_fuzz").string();
     return path;
-}
-
-void check(bool condition) {
-    if (!condition) std::abort();
 }
 
 bool terminated(const char* text) {
@@ -68,12 +55,12 @@ void read_addresses(ParseContext& context) {
     auto name = std::make_unique<char[]>(address_buffer_size);
     while (more_in_field(context) == 1 || !context.input->at_end()) {
         char* result = parse_address(context, address.get(), name.get());
-        check(terminated(address.get()) && terminated(name.get()));
-        check(result == nullptr || (result == address.get() && address[0] != '\0'));
-        check(result != nullptr || address[0] == '\0');
+        FUZZ_CHECK(terminated(address.get()) && terminated(name.get()));
+        FUZZ_CHECK(result == nullptr || (result == address.get() && address[0] != '\0'));
+        FUZZ_CHECK(result != nullptr || address[0] == '\0');
         // A name never ends in a space.
         std::size_t length = std::strlen(name.get());
-        check(length == 0 || name[length - 1] != ' ');
+        FUZZ_CHECK(length == 0 || name[length - 1] != ' ');
     }
 }
 
@@ -109,18 +96,18 @@ void read_header(ParseContext& context) {
 }
 
 void check_record(const MailRecord& r) {
-    check((r.sender == nullptr) == (r.sender_length == 0));
-    check(r.sender == nullptr ||
-          std::strlen(r.sender) == static_cast<std::size_t>(r.sender_length));
-    check(r.sender == nullptr || r.sender_name != nullptr);
+    FUZZ_CHECK((r.sender == nullptr) == (r.sender_length == 0));
+    FUZZ_CHECK(r.sender == nullptr ||
+               std::strlen(r.sender) == static_cast<std::size_t>(r.sender_length));
+    FUZZ_CHECK(r.sender == nullptr || r.sender_name != nullptr);
     const char* lists[3][2] = {{r.to, r.to_names}, {r.cc, r.cc_names}, {r.bcc, r.bcc_names}};
     for (auto& pair : lists) {
-        check(entries(pair[0]) == entries(pair[1]));
+        FUZZ_CHECK(entries(pair[0]) == entries(pair[1]));
         for (const char* list : pair) {
             MultiString view;
             view.block = const_cast<char*>(list);
             for (const char* e = view.text(); *e != '\0'; e = MultiString::next_entry(e))
-                check(std::strlen(e) < address_buffer_size);
+                FUZZ_CHECK(std::strlen(e) < address_buffer_size);
             view.release();
         }
     }
@@ -147,9 +134,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     ParseContext context;
     context.input = Stream::open(path.c_str(), "rb");
-    check(context.input != nullptr);
+    FUZZ_CHECK(context.input != nullptr);
     read_addresses(context);
-    check(context.input->getc() == Stream::eof);
+    FUZZ_CHECK(context.input->getc() == Stream::eof);
 
     MailRecord record{};
     context.record = &record;
@@ -157,7 +144,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     read_header(context);
     check_record(record);
     free_record(record);
-    check(context.input->close() == 0);
+    FUZZ_CHECK(context.input->close() == 0);
     // libFuzzer may end the process without running atexit handlers.
     std::remove(path.c_str());
     return 0;

@@ -14,11 +14,8 @@
 
 #include "decomposition/encoded_words.h"
 
+#include "fuzz_support.h"
 namespace {
-
-void check(bool condition) {
-    if (!condition) std::abort();
-}
 
 int model_base64_value(unsigned char c) {
     if (c >= 'A' && c <= 'Z') return c - 'A';
@@ -137,17 +134,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::memcpy(buffer.get(), text.c_str(), text.size() + 1);
     qbsmtp::decode_encoded_words(buffer.get());
     std::string decoded(buffer.get());
-    check(decoded.size() <= text.size());
-    check(decoded == model_decode(text));
+    FUZZ_CHECK(decoded.size() <= text.size());
+    FUZZ_CHECK(decoded == model_decode(text));
 
     // The word decoders on the raw text as one word.
     std::memcpy(buffer.get(), text.c_str(), text.size() + 1);
     std::size_t count = qbsmtp::decode_q_word(buffer.get());
     std::string q = model_q(text);
-    check(count == q.size() && std::memcmp(buffer.get(), q.data(), count) == 0);
+    FUZZ_CHECK(count == q.size() && std::memcmp(buffer.get(), q.data(), count) == 0);
     std::memcpy(buffer.get(), text.c_str(), text.size() + 1);
     count = qbsmtp::decode_base64_word(buffer.get());
     std::string b = model_base64(text);
-    check(count == b.size() && std::memcmp(buffer.get(), b.data(), count) == 0);
+    FUZZ_CHECK(count == b.size() && std::memcmp(buffer.get(), b.data(), count) == 0);
     return 0;
 }

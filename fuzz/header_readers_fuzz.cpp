@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "decomposition/content_header.h"
@@ -18,26 +17,14 @@
 #include "decomposition/parse_context.h"
 #include "frame/stream.h"
 
+#include "fuzz_support.h"
 namespace {
 
 using namespace qbsmtp;
 
 const std::string& input_path() {
-    static const std::string path = [] {
-        std::string dir = "/dev/shm";
-        if (FILE* probe = std::fopen((dir + "/.qbsmtp_probe").c_str(), "wb")) {
-            std::fclose(probe);
-            std::remove((dir + "/.qbsmtp_probe").c_str());
-        } else {
-            dir = "/tmp";
-        }
-        return dir + "/qbsmtp_fuzz_" + std::to_string(std::random_device{}());
-    }();
+    static const std::string path = fuzz::scratch_path("qbsmtp_header_readers_fuzz").string();
     return path;
-}
-
-void check(bool condition) {
-    if (!condition) std::abort();
 }
 
 bool terminated(const char* text, std::size_t size) {
@@ -45,11 +32,11 @@ bool terminated(const char* text, std::size_t size) {
 }
 
 void check_info(const ContentInfo& info) {
-    check(terminated(info.boundary, sizeof info.boundary));
-    check(terminated(info.type_name, sizeof info.type_name));
-    check(terminated(info.subtype_name, sizeof info.subtype_name));
-    check(terminated(info.name, sizeof info.name));
-    check(std::strlen(info.boundary) <= 70 && std::strlen(info.name) <= 259);
+    FUZZ_CHECK(terminated(info.boundary, sizeof info.boundary));
+    FUZZ_CHECK(terminated(info.type_name, sizeof info.type_name));
+    FUZZ_CHECK(terminated(info.subtype_name, sizeof info.subtype_name));
+    FUZZ_CHECK(terminated(info.name, sizeof info.name));
+    FUZZ_CHECK(std::strlen(info.boundary) <= 70 && std::strlen(info.name) <= 259);
 }
 
 // The header loop of the dispatcher: names, then content headers or a skip
@@ -60,7 +47,7 @@ void read_header_section(ParseContext& context, ContentInfo& info, unsigned vari
     auto capture = std::make_unique<char[]>(500);
     unsigned field = 0;
     while (read_field_name(context, name.get(), name_size) == 1) {
-        check(terminated(name.get(), name_size));
+        FUZZ_CHECK(terminated(name.get(), name_size));
         if (more_in_field(context) == 0) continue;
         if (parse_content_header(context, info, name.get()) == 1) {
             check_info(info);
@@ -70,7 +57,7 @@ void read_header_section(ParseContext& context, ContentInfo& info, unsigned vari
             skip_field(context, capture.get(), 500);
         else
             skip_field(context);
-        check(field % 2 != 0 || std::strlen(capture.get()) < 500);
+        FUZZ_CHECK(field % 2 != 0 || std::strlen(capture.get()) < 500);
     }
     eat_crlf(context);
 }
@@ -84,13 +71,14 @@ void read_tokens(ParseContext& context, unsigned variant) {
         auto token = std::make_unique<char[]>(size > 0 ? size : 1);
         std::int64_t before = 0;
         std::int64_t after = 0;
-        check(in.getpos(&before) == 0);
+        FUZZ_CHECK(in.getpos(&before) == 0);
         int result = read_token(context, token.get(), size, (round & 1) != 0);
-        check(result >= token_none && result <= token_delimiter);
-        if (result != token_none) check(terminated(token.get(), static_cast<std::size_t>(size)));
-        if (result == token_delimiter) check(is_token_delimiter(token[0] & 0xFF) && !token[1]);
+        FUZZ_CHECK(result >= token_none && result <= token_delimiter);
+        if (result != token_none)
+            FUZZ_CHECK(terminated(token.get(), static_cast<std::size_t>(size)));
+        if (result == token_delimiter) FUZZ_CHECK(is_token_delimiter(token[0] & 0xFF) && !token[1]);
         if (more_in_field(context) == 0 && in.at_end()) break;
-        check(in.getpos(&after) == 0);
+        FUZZ_CHECK(in.getpos(&after) == 0);
         // An empty token leaves its stopping byte: step over it.
         if (after == before && in.getc() == Stream::eof) break;
     }
@@ -108,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     unsigned variant = size > 0 ? data[0] : 0;
     ParseContext context;
     context.input = Stream::open(path.c_str(), "rb");
-    check(context.input != nullptr);
+    FUZZ_CHECK(context.input != nullptr);
 
     // A message header from the start values, then a part inheriting it.
     ContentInfo message;
@@ -118,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     read_header_section(context, part, variant >> 1);
     check_info(part);
     read_tokens(context, variant);
-    check(context.input->getc() == Stream::eof);
-    check(context.input->close() == 0);
+    FUZZ_CHECK(context.input->getc() == Stream::eof);
+    FUZZ_CHECK(context.input->close() == 0);
     // libFuzzer may end the process without running atexit handlers.
     std::remove(path.c_str());
     return 0;

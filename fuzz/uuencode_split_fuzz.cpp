@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -28,14 +27,11 @@
 #include "frame/stream.h"
 #include "platform/os.h"
 
+#include "fuzz_support.h"
 namespace {
 
 namespace fs = std::filesystem;
 using namespace qbsmtp;
-
-void check(bool condition) {
-    if (!condition) std::abort();
-}
 
 struct Tree {
     fs::path root;
@@ -47,9 +43,7 @@ struct Tree {
 const Tree& tree() {
     static const Tree made = [] {
         Tree t;
-        const fs::path base =
-            fs::exists("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path();
-        t.root = base / ("qbsmtp_uusplit_fuzz_" + std::to_string(std::random_device{}()));
+        t.root = fuzz::scratch_path("qbsmtp_uusplit_fuzz");
         t.mime = t.root / "spool" / "mime";
         t.body = t.root / "body.bin";
         fs::create_directories(t.mime);
@@ -93,10 +87,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::size_t i = 0; i < skip && i < size; ++i) input->getc();
     const std::string rest = body.substr(skip < size ? skip : size);
     std::int64_t start = 0, after = 0;
-    check(input->getpos(&start) == 0);
+    FUZZ_CHECK(input->getpos(&start) == 0);
     const int found = has_uuencoded_block(input);
-    check(found == 0 || found == 1);
-    check(input->getpos(&after) == 0 && after == start);
+    FUZZ_CHECK(found == 0 || found == 1);
+    FUZZ_CHECK(input->getpos(&after) == 0 && after == start);
 
     char* list = nullptr;
     int result = -1;
@@ -104,27 +98,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         result = split_uuencoded_body(input, list);
     } catch (int thrown) {
         // Only a file that could not be created: a name too long for a path.
-        check(thrown == 1);
+        FUZZ_CHECK(thrown == 1);
     }
     const std::vector<std::string> listed = entries(list);
     if (result == 0) {
-        check(listed.size() == 1);
-        check(contents(listed[0]) == rest);
+        FUZZ_CHECK(listed.size() == 1);
+        FUZZ_CHECK(contents(listed[0]) == rest);
     } else if (result == 1) {
-        check(listed.size() >= 2);
-        check(fs::path(listed[0]).extension() == ".txt");
-        check(contents(listed[0]).size() <= rest.size());
+        FUZZ_CHECK(listed.size() >= 2);
+        FUZZ_CHECK(fs::path(listed[0]).extension() == ".txt");
+        FUZZ_CHECK(contents(listed[0]).size() <= rest.size());
         for (const std::string& path : listed) {
-            check(fs::path(path).parent_path() == t.mime);
-            check(fs::is_regular_file(path));
-            check(fs::file_size(path) <= rest.size());
+            FUZZ_CHECK(fs::path(path).parent_path() == t.mime);
+            FUZZ_CHECK(fs::is_regular_file(path));
+            FUZZ_CHECK(fs::file_size(path) <= rest.size());
         }
     } else if (result == 2) {
-        check(listed.empty());
-        check(input->getpos(&after) == 0 && after == start);
+        FUZZ_CHECK(listed.empty());
+        FUZZ_CHECK(input->getpos(&after) == 0 && after == start);
         std::string again(rest.size() + 1, '\0');
         again.resize(input->read(again.data(), again.size()));
-        check(again == rest);
+        FUZZ_CHECK(again == rest);
     }
     input->close();
     if (list != nullptr) os::LocalFree(list);
