@@ -41,7 +41,7 @@ class ServerOnThePort : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(ServerOnThePort, ReceptionGivesWayAndTheLogQuotesTheServer) {
     ReceptionFixture fixture("", false);
-    PortHolder holder(fixture.port(), PortHolder::Part::greet, GetParam());
+    ScriptedPortHolder holder(fixture.port(), ScriptedPortHolder::Part::greet, GetParam());
     ASSERT_TRUE(holder.listening());
     ASSERT_EQ(fixture.start(), 1);
 
@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Greetings, ServerOnThePort,
 // the log says why and quotes whatever came.
 struct NoReplyCase {
     const char* what;
-    PortHolder::Part part;
+    ScriptedPortHolder::Part part;
     std::string words;     // what the holder sends
     std::uint32_t reason;  // the reader's own event
 };
@@ -82,7 +82,7 @@ class NoReplyOnThePort : public ::testing::TestWithParam<NoReplyCase> {};
 TEST_P(NoReplyOnThePort, ReceptionGivesWayAfterABoundedWait) {
     const NoReplyCase& c = GetParam();
     ReceptionFixture fixture("\"ProbeTimeout\"=dword:00000001", false);
-    PortHolder holder(fixture.port(), c.part, c.words);
+    ScriptedPortHolder holder(fixture.port(), c.part, c.words);
     ASSERT_TRUE(holder.listening());
     ASSERT_EQ(fixture.start(), 1);
 
@@ -100,10 +100,10 @@ TEST_P(NoReplyOnThePort, ReceptionGivesWayAfterABoundedWait) {
 
 INSTANTIATE_TEST_SUITE_P(
     Holders, NoReplyOnThePort,
-    ::testing::Values(NoReplyCase{"silent", PortHolder::Part::silent, "", event::connection_lost},
-                      NoReplyCase{"closes", PortHolder::Part::close_at_once, "",
+    ::testing::Values(NoReplyCase{"silent", ScriptedPortHolder::Part::silent, "", event::connection_lost},
+                      NoReplyCase{"closes", ScriptedPortHolder::Part::close_at_once, "",
                                   event::connection_lost},
-                      NoReplyCase{"http", PortHolder::Part::greet,
+                      NoReplyCase{"http", ScriptedPortHolder::Part::greet,
                                   "HTTP/1.0 400 Bad Request\r\n\r\n", event::reply_unintelligible}),
     [](const auto& info) { return std::string(info.param.what); });
 

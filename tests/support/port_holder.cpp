@@ -1,4 +1,4 @@
-// port_holder.cpp: PortHolder and leave_port_in_time_wait.
+// port_holder.cpp: ScriptedPortHolder and leave_port_in_time_wait.
 
 #include "support/port_holder.h"
 
@@ -31,7 +31,7 @@ bool readable(int fd, int seconds) {
 
 }  // namespace
 
-PortHolder::PortHolder(std::uint16_t port, Part part, std::string words)
+ScriptedPortHolder::ScriptedPortHolder(std::uint16_t port, Part part, std::string words)
     : part_(part), words_(std::move(words)) {
     listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = loopback(port);
@@ -42,17 +42,17 @@ PortHolder::PortHolder(std::uint16_t port, Part part, std::string words)
     if (listening_) thread_ = std::thread([this] { run(); });
 }
 
-PortHolder::~PortHolder() {
+ScriptedPortHolder::~ScriptedPortHolder() {
     if (thread_.joinable()) thread_.join();
     if (listen_fd_ >= 0) ::close(listen_fd_);
 }
 
-std::string PortHolder::received() {
+std::string ScriptedPortHolder::received() {
     if (thread_.joinable()) thread_.join();
     return received_;
 }
 
-void PortHolder::run() {
+void ScriptedPortHolder::run() {
     if (!readable(listen_fd_, wait_seconds)) return;
     const int fd = ::accept(listen_fd_, nullptr, nullptr);
     if (fd < 0) return;

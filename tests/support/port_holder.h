@@ -12,7 +12,7 @@
 namespace qbsmtp::test {
 
 // Listens on 127.0.0.1:port, accepts one connection and plays its part.
-class PortHolder {
+class ScriptedPortHolder {
   public:
     enum class Part {
         greet,          // sends words, answers the first line with 221, reads to close
@@ -20,10 +20,10 @@ class PortHolder {
         close_at_once,  // closes the connection it accepted
     };
 
-    PortHolder(std::uint16_t port, Part part, std::string words = {});
-    ~PortHolder();
-    PortHolder(const PortHolder&) = delete;
-    PortHolder& operator=(const PortHolder&) = delete;
+    ScriptedPortHolder(std::uint16_t port, Part part, std::string words = {});
+    ~ScriptedPortHolder();
+    ScriptedPortHolder(const ScriptedPortHolder&) = delete;
+    ScriptedPortHolder& operator=(const ScriptedPortHolder&) = delete;
 
     bool listening() const { return listening_; }
     // What the peer sent, once it has closed (or the bound ran out).
