@@ -100,11 +100,11 @@ TEST_P(NoReplyOnThePort, ReceptionGivesWayAfterABoundedWait) {
 
 INSTANTIATE_TEST_SUITE_P(
     Holders, NoReplyOnThePort,
-    ::testing::Values(NoReplyCase{"silent", ScriptedPortHolder::Part::silent, "", event::connection_lost},
-                      NoReplyCase{"closes", ScriptedPortHolder::Part::close_at_once, "",
-                                  event::connection_lost},
-                      NoReplyCase{"http", ScriptedPortHolder::Part::greet,
-                                  "HTTP/1.0 400 Bad Request\r\n\r\n", event::reply_unintelligible}),
+    ::testing::Values(
+        NoReplyCase{"silent", ScriptedPortHolder::Part::silent, "", event::connection_lost},
+        NoReplyCase{"closes", ScriptedPortHolder::Part::close_at_once, "", event::connection_lost},
+        NoReplyCase{"http", ScriptedPortHolder::Part::greet, "HTTP/1.0 400 Bad Request\r\n\r\n",
+                    event::reply_unintelligible}),
     [](const auto& info) { return std::string(info.param.what); });
 
 // A port in TIME_WAIT: the first bind fails, nobody answers the probe, and
