@@ -201,6 +201,19 @@ bool registry_fault(Op op, LONG* result) {
     return true;
 }
 
+// The key that key and sub_key name together: base is the open key, path
+// the whole path below its root. ERROR_SUCCESS, or why they name none.
+LONG key_path(Registry& r, HKEY key, const char* sub_key, KeyRef* base,
+              std::vector<std::string>* path) {
+    if (!resolve_handle(r, key, base)) return ERROR_INVALID_HANDLE;
+    std::vector<std::string> names;
+    LONG error = ERROR_SUCCESS;
+    if (!split_sub_key(sub_key, &names, &error)) return error;
+    *path = base->path;
+    path->insert(path->end(), names.begin(), names.end());
+    return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 LONG RegOpenKeyExA(HKEY key, const char* sub_key, DWORD /*options*/, REGSAM access, HKEY* result) {
@@ -211,12 +224,9 @@ LONG RegOpenKeyExA(HKEY key, const char* sub_key, DWORD /*options*/, REGSAM acce
     std::lock_guard lock(r.lock);
     load_registry(r);
     KeyRef base;
-    if (!resolve_handle(r, key, &base)) return ERROR_INVALID_HANDLE;
-    std::vector<std::string> names;
-    LONG error = ERROR_SUCCESS;
-    if (!split_sub_key(sub_key, &names, &error)) return error;
-    std::vector<std::string> path = base.path;
-    path.insert(path.end(), names.begin(), names.end());
+    std::vector<std::string> path;
+    if (const LONG error = key_path(r, key, sub_key, &base, &path); error != ERROR_SUCCESS)
+        return error;
     if (find_node(r, base.root, path) == nullptr) return ERROR_FILE_NOT_FOUND;
     return new_handle(r, base.root, std::move(path), access, result);
 }
@@ -231,14 +241,10 @@ LONG RegCreateKeyExA(HKEY key, const char* sub_key, DWORD /*reserved*/, char* /*
     std::lock_guard lock(r.lock);
     load_registry(r);
     KeyRef base;
-    if (!resolve_handle(r, key, &base)) return ERROR_INVALID_HANDLE;
-    std::vector<std::string> names;
-    LONG error = ERROR_SUCCESS;
-    if (!split_sub_key(sub_key, &names, &error)) return error;
+    std::vector<std::string> path;
+    if (const LONG error = key_path(r, key, sub_key, &base, &path); error != ERROR_SUCCESS)
+        return error;
     if (find_node(r, base.root, base.path) == nullptr) return ERROR_FILE_NOT_FOUND;
-
-    std::vector<std::string> path = base.path;
-    path.insert(path.end(), names.begin(), names.end());
     if (find_node(r, base.root, path) != nullptr) {
         if (disposition != nullptr) *disposition = REG_OPENED_EXISTING_KEY;
         return new_handle(r, base.root, std::move(path), access, result);
