@@ -239,7 +239,9 @@ void load_uuencode(ParseContext& context) {
             throw 1;
         }
         const std::size_t length = std::strlen(line);
-        int n = length > 0 ? uu_value(static_cast<unsigned char>(line[0])) : 0;
+        // The count is the first byte, whatever it is: a NUL there is a
+        // count of 32 read from an empty line, not the end of the data.
+        int n = uu_value(static_cast<unsigned char>(line[0]));
         if (n == 0) ended = true;  // and stays so: the rest up to "end" is dropped
         if (!ended) {
             // A count larger than the line holds reads the missing bytes

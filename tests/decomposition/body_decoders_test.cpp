@@ -183,6 +183,10 @@ TEST_F(Decoders, Uuencode) {
          std::string("abc8Kj\0\0", 8), ""},
         {"count beyond the line reads zeros", "begin 644 x\r\n&86)C\r\n`\r\nend\r\n",
          std::string("abc\xB6\xA0\0", 6), ""},
+        // A NUL as first byte is a count like any byte: (0 - 32) & 63 = 32,
+        // read from an empty line, so 32 zero bytes; it does not end the data.
+        {"NUL count byte is 32", std::string("begin 644 x\r\n\0AB\r\n#86)C\r\n`\r\nend\r\n", 33),
+         std::string(32, '\0') + "abc", ""},
     };
     for (const DecodeCase& c : cases) {
         BodyContext body(mime, c.input);
