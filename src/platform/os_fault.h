@@ -18,7 +18,7 @@ enum class Op : unsigned {
     WriteFile,
     SetFilePointerEx,
     GetFileSizeEx,
-    CloseHandle,  // fails only for file handles
+    CloseHandle,  // fails only for file handles, which it releases all the same
     CopyFileA,
     MoveFileA,
     DeleteFileA,

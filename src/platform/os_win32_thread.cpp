@@ -60,7 +60,13 @@ BOOL CloseHandle(HANDLE handle) {
     DWORD saved = GetLastError();
     bool is_file = ::GetFileType(handle) != FILE_TYPE_UNKNOWN;
     SetLastError(saved);
-    if (is_file && fault_hit(Op::CloseHandle)) return 0;
+    if (is_file && fault_hit(Op::CloseHandle)) {
+        // A failed close has released the handle all the same.
+        const DWORD code = GetLastError();
+        ::CloseHandle(handle);
+        SetLastError(code);
+        return 0;
+    }
     return ::CloseHandle(handle);
 }
 

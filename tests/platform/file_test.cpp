@@ -265,7 +265,9 @@ TEST_F(FileTest, InjectedFaultsFailInTheCallersStyle) {
         EXPECT_FALSE(CloseHandle(file));
         EXPECT_EQ(GetLastError(), ERROR_WRITE_FAULT);
     }
-    EXPECT_TRUE(CloseHandle(file));
+    // A failed close has released the handle, as a real one does.
+    EXPECT_FALSE(CloseHandle(file));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     EXPECT_EQ(read_file(at("a")), "alpha");
 }
 
