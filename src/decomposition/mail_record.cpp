@@ -54,6 +54,13 @@ void append_record_list(char*& list, const char* entry) {
     list = value.release();
 }
 
+void append_record_list(char*& list, const char* entry, std::size_t& used) {
+    MultiString value;
+    value.block = list;
+    value.append(entry, used);
+    list = value.release();
+}
+
 void clear_record_list(char*& list) {
     MultiString value;
     value.block = list;

@@ -9,6 +9,7 @@
 // pointers into the caller's buffers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "frame/counted_string.h"
@@ -27,6 +28,9 @@ void set_record_text(std::int32_t& length, char*& text, const CountedString& sou
 // Adds an entry to a list field of the record (a MultiString block);
 // null or empty entries change nothing.
 void append_record_list(char*& list, const char* entry);
+// The same, with the list's byte size kept by the caller in used (0: not
+// known yet), as MultiString::append takes it: for lists that grow long.
+void append_record_list(char*& list, const char* entry, std::size_t& used);
 // Frees a list field of the record; it is then null.
 void clear_record_list(char*& list);
 

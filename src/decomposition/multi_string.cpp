@@ -19,6 +19,10 @@ namespace {
 
 // What append allocates beyond its strict need, so a list grows in steps.
 constexpr std::size_t growth_slack = 300;
+// A list longer than this grows by half of its size instead: in steps of
+// 300 bytes, a list of a million part files would be copied again every
+// few entries, its time growing with the square of its length.
+constexpr std::size_t proportional_growth_from = 64 * 1024;
 
 std::size_t capacity_of(const char* block) {
     return block != nullptr ? os::LocalSize(const_cast<char*>(block)) : 0;
@@ -55,12 +59,19 @@ void MultiString::assign(const char* text) {
 }
 
 void MultiString::append(const char* text) {
+    std::size_t used = 0;
+    append(text, used);
+}
+
+void MultiString::append(const char* text, std::size_t& used) {
     if (text == nullptr || text[0] == '\0') return;
     std::size_t length = std::strlen(text);
-    std::size_t used = byte_size();
+    if (used == 0) used = byte_size();
     if (block == nullptr || capacity_of(block) <= length + used + 2) {
-        char* grown =
-            static_cast<char*>(os::LocalAlloc(os::LMEM_FIXED, length + used + 2 + growth_slack));
+        std::size_t size = length + used + 2 + growth_slack;
+        if (used > proportional_growth_from && size < used + used / 2 + length + 2)
+            size = used + used / 2 + length + 2;
+        char* grown = static_cast<char*>(os::LocalAlloc(os::LMEM_FIXED, size));
         if (grown == nullptr) return;
         if (used > 0) std::memcpy(grown, block, used);
         clear();
@@ -69,6 +80,7 @@ void MultiString::append(const char* text) {
     char* at = used > 0 ? block + used - 1 : block;
     std::memcpy(at, text, length + 1);
     at[length + 1] = '\0';
+    used = static_cast<std::size_t>(at - block) + length + 2;
 }
 
 std::size_t MultiString::byte_size() const {

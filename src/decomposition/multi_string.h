@@ -9,7 +9,7 @@
 namespace qbsmtp {
 
 class MultiString {
-public:
+  public:
     char* block = nullptr;
 
     MultiString() = default;
@@ -26,6 +26,10 @@ public:
     void assign(const char* text);
     // Adds an entry; null or empty text changes nothing.
     void append(const char* text);
+    // The same for a caller that keeps the list's byte_size in used (0:
+    // not known yet, the list is walked once) and updates it, so a list
+    // of many entries is never walked again.
+    void append(const char* text, std::size_t& used);
     // Bytes used: 0 for an empty list, else the entries with NULs plus 1.
     std::size_t byte_size() const;
     // The block, or the module-wide empty string; never null.

@@ -228,7 +228,8 @@ void load_multipart(ParseContext& context, const ContentInfo& info, std::int32_t
             more = load_part(context, info, subtype_out, level);
             if (context.output == nullptr) continue;  // a nested level listed its own
             close_output(context);
-            append_record_list(context.record->attachments, context.output_path.c_str());
+            append_record_list(context.record->attachments, context.output_path.c_str(),
+                               context.attachments_used);
         }
         return;
     }
@@ -259,7 +260,7 @@ void load_multipart(ParseContext& context, const ContentInfo& info, std::int32_t
             os::DeleteFileA(path);
         }
     }
-    if (!first) append_record_list(context.record->attachments, best);
+    if (!first) append_record_list(context.record->attachments, best, context.attachments_used);
 }
 
 }  // namespace qbsmtp

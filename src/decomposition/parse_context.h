@@ -8,6 +8,7 @@
 // message_path (members go in reverse order of declaration).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "frame/counted_string.h"
@@ -28,6 +29,7 @@ struct ParseContext {
     Stream* input = nullptr;                    // the spool file, "rb"
     CountedString output_path;                  // file of the current part
     Stream* output = nullptr;                   // that file, "wb"; null when none is open
+    std::size_t attachments_used = 0;           // byte size of record->attachments; 0: not known
 };
 
 }  // namespace qbsmtp

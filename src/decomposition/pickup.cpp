@@ -134,7 +134,8 @@ void parse_message(ParseContext& context) {
         // A failed split leaves attachments empty and input where the body
         // starts, so the body is then filed whole as plain text.
         if (has_uuencoded_block(context.input) == 1 &&
-            split_uuencoded_body(context.input, context.record->attachments) != 2) {
+            split_uuencoded_body(context.input, context.record->attachments,
+                                 &context.attachments_used) != 2) {
             body_done = true;
         }
     }
@@ -149,7 +150,8 @@ void parse_message(ParseContext& context) {
             // whose level listed its files itself.
             if (context.output != nullptr) {
                 close_output(context);
-                append_record_list(context.record->attachments, context.output_path.c_str());
+                append_record_list(context.record->attachments, context.output_path.c_str(),
+                                   context.attachments_used);
             }
         }
     }

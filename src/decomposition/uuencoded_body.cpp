@@ -311,7 +311,9 @@ int UuSplitter::decode_block(const char* path) {
     }
 }
 
-int split_uuencoded_body(Stream* input, char*& attachments) {
+int split_uuencoded_body(Stream* input, char*& attachments, std::size_t* attachments_used) {
+    std::size_t own_used = 0;
+    std::size_t& used = attachments_used != nullptr ? *attachments_used : own_used;
     char name[name_size] = {};
     char path[path_size] = {};
     const char* extension = nullptr;
@@ -330,7 +332,7 @@ int split_uuencoded_body(Stream* input, char*& attachments) {
             os::DeleteFileA(name);
             return split_failed;
         }
-        append_record_list(attachments, name);
+        append_record_list(attachments, name, used);
         name[0] = '\0';
 
         while (result != split_failed && splitter.next_block(name, sizeof name) == 1) {
@@ -339,7 +341,7 @@ int split_uuencoded_body(Stream* input, char*& attachments) {
             create_split_file(path, sizeof path, extension);
             if (splitter.decode_block(path) == 1) {
                 result = split_decoded;
-                append_record_list(attachments, path);
+                append_record_list(attachments, path, used);
             } else {
                 os::DeleteFileA(path);
                 result = split_failed;
@@ -350,6 +352,7 @@ int split_uuencoded_body(Stream* input, char*& attachments) {
             splitter.close_text();
             os::DeleteFileA(splitter.text_path.c_str());
             clear_record_list(attachments);
+            used = 0;
         }
     }
     if (result == split_failed && have_start) input->setpos(&body_start);

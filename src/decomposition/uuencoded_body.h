@@ -83,6 +83,9 @@ class UuSplitter {
 // the text file gone, and input back where it stood at the call, so the
 // whole body can be read again as plain text. A file that cannot be
 // created is reported (0xC000272E) and 1 is thrown.
-int split_uuencoded_body(Stream* input, char*& attachments);
+// attachments_used, when given, keeps the list's byte size across calls
+// (see append_record_list).
+int split_uuencoded_body(Stream* input, char*& attachments,
+                         std::size_t* attachments_used = nullptr);
 
 }  // namespace qbsmtp

@@ -72,6 +72,34 @@ TEST(MultiString, AppendLayoutsAndGrowth) {
     EXPECT_EQ(roomy.byte_size(), 3u + 297 + 1);
 }
 
+// A list of many entries (a message of very many parts): appends that
+// keep the byte size give the same list, and beyond 64 KiB the block grows
+// by half, so the number of allocations grows with the logarithm of the
+// length, not with the length (as steps of 300 bytes would).
+TEST(MultiString, LongListGrowsProportionallyAndKeepsItsSize) {
+    constexpr int count = 100000;
+    const std::string path = "/spool/mime/12345678.txt";
+    MultiString walked;
+    MultiString kept;
+    std::size_t used = 0;
+    os::fault_clear();  // counts LocalAlloc calls from here on
+    for (int i = 0; i < count; ++i) {
+        const std::string entry = path + std::to_string(i % 10);
+        kept.append(entry.c_str(), used);
+        ASSERT_EQ(used, kept.byte_size()) << "after entry " << i;
+    }
+    EXPECT_LT(os::fault_calls(os::Op::LocalAlloc), 300u);
+    for (int i = 0; i < 2000; ++i) walked.append((path + std::to_string(i % 10)).c_str());
+    EXPECT_EQ(std::memcmp(walked.block, kept.block, walked.byte_size() - 1), 0);
+    EXPECT_EQ(entries(kept.text()).size(), static_cast<std::size_t>(count));
+
+    // used of 0 is "not known": the list is walked once.
+    std::size_t unknown = 0;
+    kept.append("tail", unknown);
+    EXPECT_EQ(unknown, kept.byte_size());
+    EXPECT_EQ(entries(kept.text()).back(), "tail");
+}
+
 TEST(MultiString, ConstructReserveAssignClear) {
     MultiString with_room(10);
     ASSERT_NE(with_room.block, nullptr);

@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -37,6 +38,14 @@ inline constexpr bool under_sanitizer = false;
 // A lighter run: sanitizers slow the code several times, and the 32-bit
 // suite may run under qemu-i386.
 inline constexpr bool light_run = under_sanitizer || sizeof(void*) == 4;
+
+// A factor on the counts and sizes of a run, from the environment
+// variable QBSMTP_RELIABILITY_SCALE (default 1), for longer runs by hand.
+inline double run_scale() {
+    const char* text = std::getenv("QBSMTP_RELIABILITY_SCALE");
+    const double scale = text != nullptr ? std::atof(text) : 1.0;
+    return scale > 0 ? scale : 1.0;
+}
 
 // Descriptors the process holds now.
 inline int open_descriptors() {
