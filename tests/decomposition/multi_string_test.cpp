@@ -86,7 +86,9 @@ TEST(MultiString, LongListGrowsProportionallyAndKeepsItsSize) {
     for (int i = 0; i < count; ++i) {
         const std::string entry = path + std::to_string(i % 10);
         kept.append(entry.c_str(), used);
-        if (i % 9973 == 0) ASSERT_EQ(used, kept.byte_size()) << "after entry " << i;
+        if (i % 9973 == 0) {
+            ASSERT_EQ(used, kept.byte_size()) << "after entry " << i;
+        }
     }
     EXPECT_EQ(used, kept.byte_size());
     EXPECT_LT(os::fault_calls(os::Op::LocalAlloc), 300u);
