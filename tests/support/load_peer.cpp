@@ -156,11 +156,17 @@ std::vector<int> open_silent_peers(std::uint16_t port, int count,
     std::vector<int> peers;
     for (int pause_ms = 1; static_cast<int>(peers.size()) < count;) {
         const int fd = connect_bounded(port);
-        if (fd >= 0) {
+        // Its greeting shows that a session took it, so connects never pile
+        // up in the listen backlog.
+        pollfd watch{fd, POLLIN, 0};
+        char greeting[512];
+        if (fd >= 0 && ::poll(&watch, 1, 3000) == 1 &&
+            ::recv(fd, greeting, sizeof greeting, 0) > 0) {
             peers.push_back(fd);
             pause_ms = 1;
             continue;
         }
+        if (fd >= 0) ::close(fd);
         if (std::chrono::steady_clock::now() > give_up) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
         pause_ms = pause_ms < 100 ? pause_ms * 2 : 100;

@@ -57,8 +57,9 @@ class LoadPeer {
     std::string pending_;
 };
 
-// Opens count connections to 127.0.0.1:port that send nothing, without
-// waiting for their greetings, retrying refused connects until give_up.
+// Opens count connections to 127.0.0.1:port that send nothing, one after
+// the other, each once its greeting has come, retrying connects that fail
+// or bring no greeting until give_up.
 // Their descriptors; close them with close_silent_peers.
 std::vector<int> open_silent_peers(std::uint16_t port, int count,
                                    std::chrono::steady_clock::time_point give_up);
