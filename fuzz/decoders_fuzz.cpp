@@ -10,7 +10,8 @@
 //     base64, quoted-printable, uuencode) and followed by a boundary or an
 //     end line and some trailer, must decode back byte for byte.
 // A missing begin or end line of a uuencoded body is the one expected
-// throw (the integer 1).
+// throw (the integer 1). The scratch directory is removed after every
+// input: libFuzzer may end the process without running exit handlers.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -49,11 +50,6 @@ const Scratch& scratch() {
         s.root = fuzz::scratch_path("qbsmtp_decoders_fuzz");
         s.in = s.root / "body.in";
         s.out = s.root / "part.out";
-        fs::create_directories(s.root);
-        std::atexit([] {
-            std::error_code ignored;
-            fs::remove_all(scratch().root, ignored);
-        });
         return s;
     }();
     return made;
@@ -69,6 +65,7 @@ struct Outcome {
 
 Outcome run_decoder(Decoder decoder, const std::string& body, const char* boundary) {
     const Scratch& s = scratch();
+    fs::create_directories(s.root);
     {
         std::ofstream file(s.in, std::ios::binary | std::ios::trunc);
         file.write(body.data(), static_cast<std::streamsize>(body.size()));
@@ -439,5 +436,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             break;
         }
     }
+    std::error_code ignored;
+    fs::remove_all(scratch().root, ignored);
     return 0;
 }

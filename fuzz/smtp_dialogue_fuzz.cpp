@@ -2,9 +2,10 @@
 // process. The input is everything a client sends on one connection: a
 // thread writes it into one end of a socket pair and closes that
 // direction, another collects the replies, and smtp_session runs on the
-// other end until the dialogue ends. The spool directory and the
-// duplicate filter's memory are emptied before every input, so an input
-// always gives the same outcome.
+// other end until the dialogue ends. The duplicate filter's memory is
+// emptied before every input and the spool tree removed after it, so an
+// input always gives the same outcome and nothing is left behind
+// (libFuzzer may end the process without running exit handlers).
 //
 // Checked on every input, beside the sanitizers:
 //   - the session ends, and every reply line is one of the lines the
@@ -63,16 +64,11 @@ const Tree& tree() {
         t.root = fuzz::scratch_path("qbsmtp_dialogue_fuzz");
         t.spool = t.root / "spool";
         t.debug = t.spool / "Debug";
-        fs::create_directories(t.spool);
         setenv("QBSMTP_PREFIX", t.root.c_str(), 1);
         host_name = fuzz_host;
         spool_dir = t.spool.c_str();
         // A debug copy of every accepted message, duplicates included.
         event_reporter.logging_mask.store(QBSMTP_LOG_DEBUG_COPY);
-        std::atexit([] {
-            std::error_code ignored;
-            fs::remove_all(tree().root, ignored);
-        });
         return t;
     }();
     return made;
@@ -472,8 +468,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size > 256 * 1024) return 0;
     const Tree& t = tree();
     static const std::set<std::string> known_lines = reply_lines();
-    std::error_code ignored;
-    fs::remove_all(t.spool, ignored);
     fs::create_directories(t.spool);
     forget_recent_messages();
 
@@ -503,5 +497,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         copy.replace_extension(".tmp");
         FUZZ_CHECK(read_file(path) == read_file(copy));
     }
+    std::error_code ignored;
+    fs::remove_all(t.root, ignored);
     return 0;
 }

@@ -1,6 +1,6 @@
 // uuencode_split_fuzz.cpp: plain bodies through the detection of inline
 // uuencoded blocks and the split into a text file and block files. The
-// mime directory is emptied after every input.
+// scratch tree is removed after every input.
 //
 // Checked on every input, beside the sanitizers: the detection leaves the
 // stream where it stood; the split gives 0, 1 or 2, or throws 1 only after
@@ -49,10 +49,6 @@ const Tree& tree() {
         fs::create_directories(t.mime);
         setenv("QBSMTP_PREFIX", t.root.c_str(), 1);
         mime_dir = t.mime.c_str();
-        std::atexit([] {
-            std::error_code ignored;
-            fs::remove_all(tree().root, ignored);
-        });
         return t;
     }();
     return made;
@@ -74,6 +70,7 @@ std::vector<std::string> entries(const char* list) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Tree& t = tree();
+    fs::create_directories(t.mime);
     const std::string body(reinterpret_cast<const char*>(data), size);
     {
         std::ofstream out(t.body, std::ios::binary | std::ios::trunc);
@@ -122,7 +119,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     input->close();
     if (list != nullptr) os::LocalFree(list);
+    // The whole tree goes after every input: libFuzzer may end the process
+    // without running exit handlers.
     std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(t.mime)) fs::remove(entry.path(), ignored);
+    fs::remove_all(t.root, ignored);
     return 0;
 }
