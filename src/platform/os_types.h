@@ -158,6 +158,8 @@ inline constexpr int SOL_SOCKET = 0xFFFF;
 inline constexpr int SO_REUSEADDR = 4;
 inline constexpr int SO_SNDTIMEO = 0x1005;  // DWORD milliseconds, 0 = none
 inline constexpr int SO_RCVTIMEO = 0x1006;  // DWORD milliseconds, 0 = none
+inline constexpr int IPPROTO_TCP = 6;
+inline constexpr int TCP_NODELAY = 1;  // DWORD, non-zero: no Nagle delay
 inline constexpr int SD_RECEIVE = 0;
 inline constexpr int SD_SEND = 1;
 inline constexpr int SD_BOTH = 2;

@@ -48,6 +48,17 @@ int send_init(const char* relay_host) {
     return 1;
 }
 
+// A message body leaves in full 1024-byte blocks and then a short last
+// one with the end marker. Under Nagle's algorithm that last block waits
+// for the ACK of the one before, which the relay delays (40 ms on Linux)
+// because it has nothing to answer yet: one such wait per message. The
+// bytes sent are the same either way, so a refusal changes nothing else.
+void send_without_delay(SmtpClient& client) {
+    const os::DWORD on = 1;
+    os::setsockopt(client.socket, os::IPPROTO_TCP, os::TCP_NODELAY,
+                   reinterpret_cast<const char*>(&on), sizeof on);
+}
+
 // Runs the conversation; always ends in a throw.
 [[noreturn]] void converse(const MailRecord& record, SmtpClient& client) {
     if (!prepare_message(record, client)) throw Exception::failed_for_good;
@@ -70,6 +81,7 @@ int send_init(const char* relay_host) {
         throw Exception::failed_for_now;
     }
     client.connected = 1;
+    send_without_delay(client);
 
     set_phase_timeout(client, Phase::greeting);
     const int code = read_reply(client);
