@@ -5,7 +5,9 @@
 // Under a sanitizer, or as a 32-bit program (which here runs under an
 // emulator), the tests scale their counts and sizes down; each test says
 // by how much. Resident sizes mean nothing under a sanitizer (shadow
-// memory, quarantine), so memory bounds are checked only without one.
+// memory, quarantine) or an emulator (its translation cache and its own
+// buffers are counted too), so memory bounds are checked only without
+// either.
 #pragma once
 
 #include <dirent.h>
@@ -34,6 +36,15 @@ inline constexpr bool under_sanitizer = false;
 #else
 inline constexpr bool under_sanitizer = false;
 #endif
+
+#ifdef QBSMTP_TESTS_EMULATED
+inline constexpr bool under_emulator = true;
+#else
+inline constexpr bool under_emulator = false;
+#endif
+
+// Whether resident sizes measure the module's memory.
+inline constexpr bool resident_size_meaningful = !under_sanitizer && !under_emulator;
 
 // A lighter run: sanitizers slow the code several times, and the 32-bit
 // suite may run under qemu-i386.
