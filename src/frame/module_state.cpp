@@ -46,6 +46,7 @@ constinit std::atomic<int> listener_running{0};
 constinit std::uint32_t session_timeout = 300;
 constinit std::uint32_t send_timeout = 0;
 constinit std::uint32_t probe_timeout = 30;
+constinit std::uint32_t listen_backlog = 5;
 
 namespace {
 
@@ -53,16 +54,17 @@ constexpr std::size_t host_name_size = 200;  // with its NUL
 constexpr std::size_t error_text_size = 200;
 constexpr os::WORD winsock_version = 0x0002;  // 2.0
 
-// Our own time-out settings, read beside DebugLog.
-struct TimeoutSetting {
+// Our own settings, read beside DebugLog.
+struct DwordSetting {
     const char* name;
     std::uint32_t* target;
     std::uint32_t missing;  // the value when the setting is absent
 };
-const TimeoutSetting timeout_settings[] = {
+const DwordSetting dword_settings[] = {
     {"SessionTimeout", &session_timeout, 300},
     {"SendTimeout", &send_timeout, 0},
     {"ProbeTimeout", &probe_timeout, 30},
+    {"ListenBacklog", &listen_backlog, 5},
 };
 
 // host_name gets a text even when it is empty, so "%s" gives "".
@@ -119,7 +121,7 @@ void start_module() {
     set_host_name(name);
 
     settings.get_dword("DebugLog", &debug_log);
-    for (const TimeoutSetting& setting : timeout_settings) {
+    for (const DwordSetting& setting : dword_settings) {
         std::uint32_t value = 0;
         *setting.target = settings.get_dword(setting.name, &value) ? value : setting.missing;
     }

@@ -33,10 +33,12 @@ extern std::atomic<std::uint32_t> stop_flag;
 extern std::atomic<int> listener_running;
 
 // Settings of our own beside DebugLog, read once at load from the settings
-// key; each is a DWORD in seconds, 0 meaning no time-out.
+// key, each a DWORD. The time-outs are in seconds, 0 meaning none.
 extern std::uint32_t session_timeout;  // SessionTimeout, default 300
 extern std::uint32_t send_timeout;     // SendTimeout, 0 (absent): the RFC 5321 client defaults
 extern std::uint32_t probe_timeout;    // ProbeTimeout, default 30
+// ListenBacklog: the listening socket's queue, default (and for 0) 5.
+extern std::uint32_t listen_backlog;
 
 // The settings key under HKEY_LOCAL_MACHINE.
 inline constexpr const char* settings_key = "SOFTWARE\\KELTO\\Quillbox32\\SM";

@@ -18,7 +18,7 @@ namespace qbsmtp {
 
 namespace {
 
-constexpr int listen_backlog = 5;
+constexpr int default_listen_backlog = 5;
 constexpr std::size_t error_text_size = 200;
 
 // Closes the listening socket, then reports id with the text of the
@@ -30,6 +30,14 @@ int close_and_report(os::SOCKET socket, std::uint32_t id) {
     os::WSASetLastError(code);
     char text[error_text_size];
     return event_reporter.report(id, winsock_error_text(text, sizeof text));
+}
+
+// The listen queue: 5 unless the settings ask for more. With 5, many
+// clients connecting at once overflow it, and on Linux each dropped
+// attempt costs its client a retransmission (1 s, then 3 s).
+int queue_length() {
+    if (listen_backlog == 0) return default_listen_backlog;
+    return static_cast<int>(std::min<std::uint32_t>(listen_backlog, 0x7FFFFFFF));
 }
 
 // Clears listener_running on every way out of the listener thread.
@@ -67,7 +75,7 @@ int open_port(os::SOCKET socket) {
         if (os::bind(socket, name, sizeof address) < 0)
             return close_and_report(socket, event::bind_failed);
     }
-    if (os::listen(socket, listen_backlog) < 0)
+    if (os::listen(socket, queue_length()) < 0)
         return close_and_report(socket, event::listen_failed);
     return 1;
 }

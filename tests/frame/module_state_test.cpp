@@ -100,16 +100,19 @@ TEST_F(StartModule, DebugLogAndTimeouts) {
     EXPECT_EQ(session_timeout, 0u);
     EXPECT_EQ(send_timeout, 120u);
     EXPECT_EQ(probe_timeout, 30u);  // missing: its default
+    EXPECT_EQ(listen_backlog, 5u);
 }
 
 TEST_F(StartModule, TimeoutDefaults) {
     put_settings_string("HostName", "mail.example");
     put_settings_dword("ProbeTimeout", 5);
+    put_settings_dword("ListenBacklog", 128);
     start_module();
     EXPECT_EQ(debug_log, 0u);
     EXPECT_EQ(session_timeout, 300u);
     EXPECT_EQ(send_timeout, 0u);
     EXPECT_EQ(probe_timeout, 5u);
+    EXPECT_EQ(listen_backlog, 128u);
 }
 
 TEST_F(StartModule, WinsockStartFails) {

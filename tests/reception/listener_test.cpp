@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -314,6 +315,47 @@ TEST(Listener, ActivityKeepsASessionWithATimeout) {
         EXPECT_EQ(client->command("NOOP"), "250 Quillbox SMTP OK\r\n");
     }
 }
+
+// The kernel's view of the listening socket's queue: ss gives it as the
+// Send-Q of a socket in LISTEN. -1 when ss is not there or says nothing.
+long listen_queue_of(std::uint16_t port) {
+    const std::string command = "ss -Hltn 'sport = :" + std::to_string(port) + "' 2>/dev/null";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return -1;
+    char state[32] = {};
+    long received = 0;
+    long queue = -1;
+    if (std::fscanf(pipe, "%31s %ld %ld", state, &received, &queue) != 3) queue = -1;
+    ::pclose(pipe);
+    return queue;
+}
+
+struct BacklogCase {
+    const char* name;
+    const char* settings;
+    long queue;
+};
+
+void PrintTo(const BacklogCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class ListenQueue : public ::testing::TestWithParam<BacklogCase> {};
+
+TEST_P(ListenQueue, FollowsTheSetting) {
+    ReceptionFixture module(GetParam().settings);
+    module.connect();  // listening by now
+    const long queue = listen_queue_of(module.port());
+    if (queue < 0) GTEST_SKIP() << "ss (iproute2) cannot show the listening socket here";
+    EXPECT_EQ(queue, GetParam().queue);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Settings, ListenQueue,
+    ::testing::Values(BacklogCase{"absent", "", 5},
+                      BacklogCase{"zero", "\"ListenBacklog\"=dword:00000000", 5},
+                      BacklogCase{"raised", "\"ListenBacklog\"=dword:00000080", 128}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace qbsmtp::test
