@@ -11,7 +11,6 @@
 // stopped at the end with one connection there. Prints "SECONDS MESSAGES
 // FAILED". Exit status 0, or 3 for usage or loading trouble.
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,20 +19,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
+#include "host_record.h"
+#include "module_loader.h"
 #include "qbsmtp/qbsmtp.h"
 
 namespace {
-
-template <typename F>
-F symbol(void* module, const char* name) {
-    void* address = dlsym(module, name);
-    if (address == nullptr) {
-        std::fprintf(stderr, "no symbol %s\n", name);
-        std::exit(3);
-    }
-    return reinterpret_cast<F>(address);
-}
 
 // Wakes the listener, which sees the stop flag when a connection arrives.
 void poke(int port) {
@@ -56,23 +48,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s MODULE SPOOL PORT\n", argv[0]);
         return 3;
     }
-    void* module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-        std::fprintf(stderr, "dlopen: %s\n", dlerror());
+    qbsmtp::host::Module module;
+    std::string error;
+    if (!module.load({argv[1]}, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
         return 3;
     }
-    using SetLogging = void (*)(uint32_t);
-    using RecvInit = int32_t (*)(const char*);
-    using RecvStop = int32_t (*)();
-    using RecvNext = int32_t (*)(MailRecord*);
-    using Free = void* (*)(void*);
-    symbol<SetLogging>(module, "SMTPSetLogging")(0);
-    if (symbol<RecvInit>(module, "SMTPRecvInit")(argv[2]) != 1) {
+    module.set_logging(0);
+    if (module.recv_init(argv[2]) != 1) {
         std::fprintf(stderr, "SMTPRecvInit failed\n");
         return 3;
     }
-    const auto next = symbol<RecvNext>(module, "SMTPRecvNext");
-    const auto local_free = symbol<Free>(module, "LocalFree");
+    const qbsmtp::host::Allocator allocator{module.local_alloc, module.local_free};
 
     static const unsigned char ranks[QBSMTP_SUBTYPE_COUNT] = {0, 1, 2};
     long messages = 0;
@@ -80,20 +67,20 @@ int main(int argc, char** argv) {
     const auto started = std::chrono::steady_clock::now();
     for (;;) {
         MailRecord record{};
-        record.subtype_rank = ranks;
-        const int32_t result = next(&record);
-        if (record.file == nullptr || record.file_length == 0) break;
-        ++messages;
-        if (result != 1) ++failed;
-        std::remove(record.file);
-        for (char* block :
-             {record.file, record.sender, record.sender_name, record.to, record.to_names, record.cc,
-              record.cc_names, record.bcc, record.bcc_names, record.subject, record.attachments})
-            if (block != nullptr) local_free(block);
+        qbsmtp::host::prepare_for_receive(record, ranks);
+        const std::int32_t result = module.recv_next(&record);
+        const bool found = record.file != nullptr && record.file_length != 0;
+        if (found) {
+            ++messages;
+            if (result != 1) ++failed;
+            std::remove(record.file);
+        }
+        qbsmtp::host::release_record(record, allocator);
+        if (!found) break;
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
     std::printf("%.6f %ld %ld\n", took.count(), messages, failed);
-    symbol<RecvStop>(module, "SMTPRecvStop")();
+    module.recv_stop();
     poke(std::atoi(argv[3]));
     return 0;
 }

@@ -8,36 +8,15 @@
 // A first file ending in ".txt" is the text of the message, as for any host.
 // Exit status: 0 when every message was delivered, 1 otherwise, 3 for
 // usage or loading trouble. Prints nothing on success.
-#include <dlfcn.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
+#include "host_record.h"
+#include "module_loader.h"
 #include "qbsmtp/qbsmtp.h"
-
-namespace {
-
-template <typename F>
-F symbol(void* module, const char* name) {
-    void* address = dlsym(module, name);
-    if (address == nullptr) {
-        std::fprintf(stderr, "no symbol %s\n", name);
-        std::exit(3);
-    }
-    return reinterpret_cast<F>(address);
-}
-
-// A list as the record holds it: texts one after the other, each with its
-// NUL, and one more NUL at the end.
-std::string pack(char** first, char** last) {
-    std::string block;
-    for (char** p = first; p != last; ++p) block += std::string(*p) + '\0';
-    return block + '\0';
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 5) {
@@ -45,25 +24,25 @@ int main(int argc, char** argv) {
         return 3;
     }
     const long count = std::strtol(argv[3], nullptr, 10);
-    void* module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-        std::fprintf(stderr, "dlopen: %s\n", dlerror());
+    qbsmtp::host::Module module;
+    std::string error;
+    if (!module.load({argv[1]}, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
         return 3;
     }
-    using SetLogging = void (*)(uint32_t);
-    using SendInit = int32_t (*)(const char*);
-    using Send = int32_t (*)(MailRecord*);
-    symbol<SetLogging>(module, "SMTPSetLogging")(0);
-    if (symbol<SendInit>(module, "SMTPSendInit")(argv[2]) != 1) {
+    module.set_logging(0);
+    if (module.send_init(argv[2]) != 1) {
         std::fprintf(stderr, "SMTPSendInit failed\n");
         return 1;
     }
-    const auto send = symbol<Send>(module, "SMTPSend");
 
     std::string sender = "fax@bench.example";
     std::string recipient = std::string("someone@bench.example") + '\0' + '\0';
     std::string subject = "Benchmark";
-    std::string files = pack(&argv[4], &argv[argc]);
+    // The record's packed list: each path with its NUL, then one more NUL.
+    std::string files;
+    for (int i = 4; i < argc; ++i) files += std::string(argv[i]) + '\0';
+    files += '\0';
     for (long i = 0; i < count; ++i) {
         MailRecord record{};
         record.sender = sender.data();
@@ -72,7 +51,7 @@ int main(int argc, char** argv) {
         record.subject = subject.data();
         record.subject_length = static_cast<std::int32_t>(subject.size());
         record.attachments = files.data();
-        if (send(&record) != 1) {
+        if (module.send(&record) != 1) {
             std::fprintf(stderr, "message %ld not delivered\n", i + 1);
             return 1;
         }
