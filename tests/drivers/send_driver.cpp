@@ -6,14 +6,13 @@
 // Exit status: 0 delivered, 1 failed for now, 2 failed for good, 3 usage
 // or loading trouble.
 
-#include <dlfcn.h>
-
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "module_loader.h"
 #include "qbsmtp/qbsmtp.h"
 
 namespace {
@@ -22,16 +21,6 @@ std::string pack(const std::vector<std::string>& entries) {
     std::string block;
     for (const std::string& entry : entries) block += entry + '\0';
     return block + '\0';
-}
-
-template <typename F>
-F symbol(void* module, const char* name) {
-    void* address = dlsym(module, name);
-    if (address == nullptr) {
-        std::fprintf(stderr, "no symbol %s\n", name);
-        std::exit(3);
-    }
-    return reinterpret_cast<F>(address);
 }
 
 }  // namespace
@@ -64,16 +53,14 @@ int main(int argc, char** argv) {
         }
     }
 
-    void* module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-        std::fprintf(stderr, "dlopen: %s\n", dlerror());
+    qbsmtp::host::Module module;
+    std::string error;
+    if (!module.load({argv[1]}, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
         return 3;
     }
-    using SetLogging = void (*)(uint32_t);
-    using SendInit = int32_t (*)(const char*);
-    using Send = int32_t (*)(MailRecord*);
-    symbol<SetLogging>(module, "SMTPSetLogging")(static_cast<uint32_t>(mask));
-    if (symbol<SendInit>(module, "SMTPSendInit")(argv[2]) != 1) {
+    module.set_logging(static_cast<std::uint32_t>(mask));
+    if (module.send_init(argv[2]) != 1) {
         std::fprintf(stderr, "SMTPSendInit failed\n");
         return 1;
     }
@@ -82,14 +69,13 @@ int main(int argc, char** argv) {
     const std::string file_block = pack(files);
     MailRecord record{};
     record.sender = has_sender ? sender.data() : nullptr;
-    record.sender_length = static_cast<int32_t>(sender.size());
+    record.sender_length = static_cast<std::int32_t>(sender.size());
     record.subject = subject.data();
-    record.subject_length = static_cast<int32_t>(subject.size());
+    record.subject_length = static_cast<std::int32_t>(subject.size());
     record.to = to.empty() ? nullptr : const_cast<char*>(to_block.data());
     record.attachments = files.empty() ? nullptr : const_cast<char*>(file_block.data());
-    const int32_t result = symbol<Send>(module, "SMTPSend")(&record);
+    const std::int32_t result = module.send(&record);
     std::printf("result=%d temporary_failure=%d\n", result, record.temporary_failure);
-    dlclose(module);
     if (result == 1) return 0;
     return record.temporary_failure != 0 ? 1 : 2;
 }
