@@ -48,10 +48,8 @@ void set_record_text(std::int32_t& length, char*& text, const CountedString& sou
 }
 
 void append_record_list(char*& list, const char* entry) {
-    MultiString value;
-    value.block = list;
-    value.append(entry);
-    list = value.release();
+    std::size_t used = 0;  // not known: the list is walked once
+    append_record_list(list, entry, used);
 }
 
 void append_record_list(char*& list, const char* entry, std::size_t& used) {

@@ -71,8 +71,6 @@ void fill_find_data(const FindObject& search, const char* name, WIN32_FIND_DATAA
         posix::filetime_from_unix(status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
 }
 
-// Reads entries up to the next match; false at the end, with errno 0, or
-// on a failure, with errno set.
 // The next entry, or null at the end (errno 0) or on a failure.
 const dirent64* next_entry(FindObject& search) {
     if (search.batch_offset >= search.batch_length) {
@@ -90,6 +88,8 @@ const dirent64* next_entry(FindObject& search) {
     return entry;
 }
 
+// Reads entries up to the next match; false at the end, with errno 0, or
+// on a failure, with errno set.
 bool next_match(FindObject& search, WIN32_FIND_DATAA* data) {
     for (;;) {
         const dirent64* entry = next_entry(search);
