@@ -7,6 +7,7 @@
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
+#include "frame/socket_timeouts.h"
 #include "frame/text_ops.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/port_probe.h"
@@ -107,11 +108,7 @@ void start_session(os::SOCKET connection) {
 
 void apply_session_timeout(os::SOCKET socket) {
     if (session_timeout == 0) return;
-    const os::DWORD milliseconds = static_cast<os::DWORD>(
-        std::min<std::uint64_t>(std::uint64_t{session_timeout} * 1000, 0xFFFFFFFFu));
-    const char* value = reinterpret_cast<const char*>(&milliseconds);
-    if (os::setsockopt(socket, os::SOL_SOCKET, os::SO_RCVTIMEO, value, sizeof milliseconds) < 0 ||
-        os::setsockopt(socket, os::SOL_SOCKET, os::SO_SNDTIMEO, value, sizeof milliseconds) < 0)
+    if (!set_socket_timeouts(socket, session_timeout))
         log_debug("session time-out not set: error %d", os::WSAGetLastError());
 }
 

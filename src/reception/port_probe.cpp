@@ -2,12 +2,12 @@
 
 #include "reception/port_probe.h"
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
+#include "frame/socket_timeouts.h"
 #include "frame/text_ops.h"
 #include "sending/smtp_client.h"
 
@@ -20,11 +20,7 @@ namespace {
 // keep the listener, and so reception, blocked with no event.
 void apply_probe_timeout(os::SOCKET socket) {
     if (probe_timeout == 0) return;
-    const os::DWORD milliseconds = static_cast<os::DWORD>(
-        std::min<std::uint64_t>(std::uint64_t{probe_timeout} * 1000, 0xFFFFFFFFu));
-    const char* value = reinterpret_cast<const char*>(&milliseconds);
-    if (os::setsockopt(socket, os::SOL_SOCKET, os::SO_RCVTIMEO, value, sizeof milliseconds) < 0 ||
-        os::setsockopt(socket, os::SOL_SOCKET, os::SO_SNDTIMEO, value, sizeof milliseconds) < 0)
+    if (!set_socket_timeouts(socket, probe_timeout))
         log_debug("TestSMTP time-out not set: error %d", os::WSAGetLastError());
 }
 

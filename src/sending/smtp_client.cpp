@@ -9,6 +9,7 @@
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
+#include "frame/socket_timeouts.h"
 #include "frame/text_ops.h"
 #include "qbsmtp/qbsmtp.h"
 
@@ -229,14 +230,7 @@ std::uint32_t phase_timeout(Phase phase) {
 }
 
 void set_phase_timeout(SmtpClient& client, Phase phase) {
-    constexpr std::uint32_t max_seconds = 0xFFFFFFFFu / 1000;
-    const std::uint32_t seconds = phase_timeout(phase);
-    const os::DWORD milliseconds = (seconds > max_seconds ? max_seconds : seconds) * 1000;
-    const char* value = reinterpret_cast<const char*>(&milliseconds);
-    if (os::setsockopt(client.socket, os::SOL_SOCKET, os::SO_RCVTIMEO, value,
-                       sizeof milliseconds) != 0 ||
-        os::setsockopt(client.socket, os::SOL_SOCKET, os::SO_SNDTIMEO, value,
-                       sizeof milliseconds) != 0) {
+    if (!set_socket_timeouts(client.socket, phase_timeout(phase))) {
         char text[200];
         event_reporter.report(event::setsockopt_failed, winsock_error_text(text, sizeof text));
         throw Exception::failed_for_now;
