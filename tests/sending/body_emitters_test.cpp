@@ -18,22 +18,6 @@ class EmitterTest : public SendFixture {
   protected:
     void SetUp() override { start_module_on(25); }
 
-    // What a peer receives when emit runs on a client connected to it.
-    std::string capture(const std::function<void(SmtpClient&)>& emit) {
-        ScriptedRelay peer({});
-        aim_at(peer);
-        SmtpClient client;
-        client.setup_buffers();
-        client.socket = os::socket(os::AF_INET, os::SOCK_STREAM, 0);
-        EXPECT_EQ(os::connect(client.socket, reinterpret_cast<const os::sockaddr*>(&relay_address),
-                              sizeof relay_address),
-                  0);
-        emit(client);
-        write_flush(client);
-        client.clean_up();
-        return peer.received();
-    }
-
     // The file with these bytes, emitted through emit after opening it in mode.
     std::string emit_file(const std::string& bytes, const char* mode,
                           const std::function<void(SmtpClient&, Stream*)>& emit) {

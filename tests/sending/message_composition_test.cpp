@@ -393,19 +393,10 @@ class DateTest : public SendFixture {
     std::string date_line(const char* tz) {
         ::setenv("TZ", tz, 1);
         ::tzset();
-        ScriptedRelay peer({});
-        aim_at(peer);
-        SmtpClient client;
-        client.setup_buffers();
-        client.socket = os::socket(os::AF_INET, os::SOCK_STREAM, 0);
-        EXPECT_EQ(os::connect(client.socket, reinterpret_cast<const os::sockaddr*>(&relay_address),
-                              sizeof relay_address),
-                  0);
-        emit_date(client);
-        write_flush(client);
-        client.clean_up();
-        boundary = client.boundary;
-        return peer.received();
+        return capture([this](SmtpClient& client) {
+            emit_date(client);
+            boundary = client.boundary;
+        });
     }
 
     std::string boundary;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -16,6 +17,7 @@
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
 #include "sending/relay.h"
+#include "sending/smtp_client.h"
 #include "support/event_log.h"
 #include "support/scripted_relay.h"
 #include "support/temp_prefix.h"
@@ -107,6 +109,23 @@ class SendFixture : public ::testing::Test {
         relay_address.sin_family = os::AF_INET;
         relay_address.sin_port = os::htons(peer.port());
         relay_address.sin_addr.s_addr = os::htonl(0x7F000001);
+    }
+
+    // What a fresh peer receives when emit runs on a client connected to it
+    // (and its buffer is flushed).
+    static std::string capture(const std::function<void(SmtpClient&)>& emit) {
+        ScriptedRelay peer({});
+        aim_at(peer);
+        SmtpClient client;
+        client.setup_buffers();
+        client.socket = os::socket(os::AF_INET, os::SOCK_STREAM, 0);
+        EXPECT_EQ(os::connect(client.socket, reinterpret_cast<const os::sockaddr*>(&relay_address),
+                              sizeof relay_address),
+                  0);
+        emit(client);
+        write_flush(client);
+        client.clean_up();
+        return peer.received();
     }
 
     static void write_text(const std::string& path, const std::string& bytes) {
