@@ -3,11 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/reception_fixture.h"
@@ -30,34 +27,18 @@ TEST(Concurrency, FiftyClientsTwentyMessagesEach) {
     // acknowledged[c][m]: the 250 for message m of client c arrived.
     std::vector<std::vector<char>> acknowledged(client_count,
                                                 std::vector<char>(messages_per_client, 0));
-    // Connections are opened one after the other: fifty SYNs at once would
-    // overflow the listen backlog of 5, and a handshake the kernel then
-    // completes with a SYN cookie can be dropped without a word. Once all
-    // fifty sessions stand, they all send at the same time.
-    std::mutex dialling;
-    std::latch all_greeted(client_count);
-    std::vector<std::thread> clients;
-    for (int c = 0; c < client_count; ++c) {
-        clients.emplace_back([&, c] {
-            std::unique_lock<std::mutex> one_at_a_time(dialling);
-            SmtpTestClient client(module.port());
-            const bool greeted = client.read_reply().substr(0, 4) == "220 ";
-            one_at_a_time.unlock();
-            all_greeted.arrive_and_wait();
-            if (!greeted) return;
-            client.command("HELO client" + std::to_string(c));
-            for (int m = 0; m < messages_per_client; ++m) {
-                client.command("MAIL FROM:<c" + std::to_string(c) + "@load>");
-                client.command("RCPT TO:<fax@example.test>");
-                if (client.command("DATA").substr(0, 4) != "354 ") continue;
-                client.send(message_text(c, m) + ".\r\n");
-                acknowledged[c][m] = client.read_reply() == "250 Mail accepted\r\n";
-            }
-            client.command("QUIT");
-            client.read_to_close();  // the session has renamed its last file
-        });
-    }
-    for (auto& t : clients) t.join();
+    run_clients_together(module.port(), client_count, [&](SmtpTestClient& client, int c) {
+        client.command("HELO client" + std::to_string(c));
+        for (int m = 0; m < messages_per_client; ++m) {
+            client.command("MAIL FROM:<c" + std::to_string(c) + "@load>");
+            client.command("RCPT TO:<fax@example.test>");
+            if (client.command("DATA").substr(0, 4) != "354 ") continue;
+            client.send(message_text(c, m) + ".\r\n");
+            acknowledged[c][m] = client.read_reply() == "250 Mail accepted\r\n";
+        }
+        client.command("QUIT");
+        client.read_to_close();  // the session has renamed its last file
+    });
 
     std::map<std::string, int> on_disk;
     for (const auto& path : module.spool_files(".822"))

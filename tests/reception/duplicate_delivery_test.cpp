@@ -3,10 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "frame/message_catalogue.h"
@@ -22,24 +20,12 @@ TEST(DuplicateDelivery, TwentyClientsSameMessageAtOnceLeaveOneFile) {
     ReceptionFixture module;
     const std::string text =
         "Message-Id: <once@example.test>\r\nSubject: same\r\n\r\nthe same body\r\n.\r\n";
-    std::mutex dialling;  // one handshake at a time: the listen backlog is 5
-    std::latch all_greeted(client_count);
     std::vector<std::string> replies(client_count);
-    std::vector<std::thread> clients;
-    for (int c = 0; c < client_count; ++c) {
-        clients.emplace_back([&, c] {
-            std::unique_lock<std::mutex> one_at_a_time(dialling);
-            SmtpTestClient client(module.port());
-            const bool greeted = client.read_reply().substr(0, 4) == "220 ";
-            one_at_a_time.unlock();
-            all_greeted.arrive_and_wait();
-            if (!greeted) return;
-            replies[c] = transmit(client, text);
-            client.command("QUIT");
-            client.read_to_close();  // the session has kept or dropped its file
-        });
-    }
-    for (auto& t : clients) t.join();
+    run_clients_together(module.port(), client_count, [&](SmtpTestClient& client, int c) {
+        replies[c] = transmit(client, text);
+        client.command("QUIT");
+        client.read_to_close();  // the session has kept or dropped its file
+    });
 
     for (const auto& reply : replies) EXPECT_EQ(reply, "250 Mail accepted\r\n");
     EXPECT_EQ(module.spool_files(".822").size(), 1u);

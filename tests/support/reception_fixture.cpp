@@ -11,8 +11,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <latch>
+#include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
@@ -81,6 +84,24 @@ std::string body_behind_trace_headers(const std::string& file_text) {
     const std::size_t second = file_text.find("\r\n", first + 2);
     if (second == std::string::npos) return file_text;
     return file_text.substr(second + 2);
+}
+
+void run_clients_together(std::uint16_t port, int count,
+                          const std::function<void(SmtpTestClient&, int)>& session) {
+    std::mutex dialling;
+    std::latch all_greeted(count);
+    std::vector<std::thread> clients;
+    for (int c = 0; c < count; ++c) {
+        clients.emplace_back([&, c] {
+            std::unique_lock<std::mutex> one_at_a_time(dialling);
+            SmtpTestClient client(port);
+            const bool greeted = client.read_reply().substr(0, 4) == "220 ";
+            one_at_a_time.unlock();
+            all_greeted.arrive_and_wait();
+            if (greeted) session(client, c);
+        });
+    }
+    for (auto& t : clients) t.join();
 }
 
 std::string transmit(SmtpTestClient& client, std::string_view text, std::string_view helo,

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,6 +65,16 @@ std::string body_behind_trace_headers(const std::string& file_text);
 std::string transmit(SmtpTestClient& client, std::string_view text,
                      std::string_view helo = "client.example.test",
                      std::string_view sender = "sender@example.test");
+
+// Runs session(client, c) for clients 0..count-1 on threads of their own,
+// all at the same moment: the connections are opened one after the other
+// (many SYNs at once would overflow the listen backlog of 5, and a
+// handshake the kernel then completes with a SYN cookie can be dropped
+// without a word), and once every client has its greeting they all go on
+// together. A client without a 220 greeting does nothing. Returns when
+// every session function has.
+void run_clients_together(std::uint16_t port, int count,
+                          const std::function<void(SmtpTestClient&, int)>& session);
 
 // The first event with id, waiting for it up to seconds: reports from
 // other threads reach the log a little after the reply that follows them.
