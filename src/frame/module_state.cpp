@@ -47,6 +47,7 @@ constinit std::uint32_t session_timeout = 300;
 constinit std::uint32_t send_timeout = 0;
 constinit std::uint32_t probe_timeout = 30;
 constinit std::uint32_t listen_backlog = 5;
+constinit std::uint32_t spool_sync = 1;
 
 namespace {
 
@@ -65,6 +66,7 @@ const DwordSetting dword_settings[] = {
     {"SendTimeout", &send_timeout, 0},
     {"ProbeTimeout", &probe_timeout, 30},
     {"ListenBacklog", &listen_backlog, 5},
+    {"SpoolSync", &spool_sync, 1},
 };
 
 // host_name gets a text even when it is empty, so "%s" gives "".

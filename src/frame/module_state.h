@@ -39,6 +39,10 @@ extern std::uint32_t send_timeout;     // SendTimeout, 0 (absent): the RFC 5321 
 extern std::uint32_t probe_timeout;    // ProbeTimeout, default 30
 // ListenBacklog: the listening socket's queue, default (and for 0) 5.
 extern std::uint32_t listen_backlog;
+// SpoolSync, default 1: an accepted spool file is on the disk before its
+// 250, and so is its rename to .822. 0 leaves that to the system (a spool
+// on tmpfs, measurements).
+extern std::uint32_t spool_sync;
 
 // The settings key under HKEY_LOCAL_MACHINE.
 inline constexpr const char* settings_key = "SOFTWARE\\KELTO\\Quillbox32\\SM";

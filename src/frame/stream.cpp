@@ -475,6 +475,19 @@ int Stream::flush() {
     return 0;
 }
 
+int Stream::sync() {
+    if (flush() != 0) return eof;
+    if (!impl_->writing) return 0;
+    if (!os::FlushFileBuffers(impl_->file)) {
+        // Sticky as a failed write: close() reports it too.
+        const os::DWORD code = os::GetLastError();
+        Impl::fail_write(*this, code);
+        os::SetLastError(code);
+        return eof;
+    }
+    return 0;
+}
+
 int Stream::getpos(std::int64_t* position) {
     Impl& m = *impl_;
     std::int64_t at;

@@ -20,7 +20,7 @@
 namespace qbsmtp {
 
 class Stream {
-public:
+  public:
     static constexpr int eof = -1;
     static constexpr std::size_t buffer_size = 64 * 1024;
     static constexpr std::size_t max_pushback = 64 * 1024;
@@ -51,6 +51,9 @@ public:
     // As fprintf: bytes written, or negative on failure.
     int printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int flush();
+    // Flushes, then has the system put the file's data on the disk: 0, or
+    // eof with the last error set (the failure is sticky, as a write's).
+    int sync();
     // Position as seen by the reader (pushback included); 0 or -1.
     int getpos(std::int64_t* position);
     int setpos(const std::int64_t* position);
@@ -61,7 +64,7 @@ public:
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
-private:
+  private:
     Stream() = default;
     ~Stream();
     int getc_slow();

@@ -48,11 +48,18 @@ HANDLE CreateFileA(const char* name, DWORD access, DWORD share_mode, void* secur
 BOOL ReadFile(HANDLE file, void* buffer, DWORD to_read, DWORD* read, void* overlapped);
 // Writes all bytes or fails.
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD to_write, DWORD* written, void* overlapped);
+// Asks the system to put the file's data on the disk before it returns.
+BOOL FlushFileBuffers(HANDLE file);
 BOOL SetFilePointerEx(HANDLE file, LONGLONG distance, LONGLONG* new_position, DWORD method);
 BOOL GetFileSizeEx(HANDLE file, LONGLONG* size);
 BOOL CopyFileA(const char* existing, const char* target, BOOL fail_if_exists);
 // Renames; fails with ERROR_ALREADY_EXISTS if the target exists.
 BOOL MoveFileA(const char* existing, const char* target);
+// MoveFileA with flags; of them only MOVEFILE_WRITE_THROUGH: the call returns
+// once the new name is on the disk (POSIX: the target's directory is synced
+// after the rename; a failed sync fails the call, the file keeping its new
+// name). Counted by the fault seam as MoveFileA, its sync as FlushFileBuffers.
+BOOL MoveFileExA(const char* existing, const char* target, DWORD flags);
 BOOL DeleteFileA(const char* name);
 BOOL CreateDirectoryA(const char* path, void* security);
 DWORD GetFileAttributesA(const char* name);
@@ -134,6 +141,19 @@ int send(SOCKET s, const char* buffer, int length, int flags);
 int closesocket(SOCKET s);
 // The local address a socket is bound to (useful after binding port 0).
 int getsockname(SOCKET s, sockaddr* address, int* length);
+
+// Whether a listening socket takes SO_REUSEADDR before its first bind. A
+// POSIX bind is refused while TIME_WAIT ends of the port's earlier
+// connections remain, unless the socket that left them had the option too;
+// there it never lets a socket take a port on which another one listens.
+// A Windows bind passes TIME_WAIT ends by itself, and SO_REUSEADDR there
+// would let a socket take a port in use.
+inline constexpr bool reuse_address_before_bind =
+#ifdef _WIN32
+    false;
+#else
+    true;
+#endif
 
 // ---- Time ------------------------------------------------------------------
 void GetLocalTime(SYSTEMTIME* time);

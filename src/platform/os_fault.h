@@ -18,6 +18,7 @@ enum class Op : unsigned {
     WriteFile,
     SetFilePointerEx,
     GetFileSizeEx,
+    FlushFileBuffers,
     CloseHandle,  // fails only for file handles, which it releases all the same
     CopyFileA,
     MoveFileA,

@@ -11,7 +11,8 @@
 //   was there already, else 0.
 // - A directory cannot be opened as a file (ERROR_ACCESS_DENIED).
 // - MoveFileA never replaces its target (ERROR_ALREADY_EXISTS), and moves a
-//   file to another file system by copying it.
+//   file to another file system by copying it. MoveFileExA's write-through
+//   syncs the target's directory, the POSIX way to make a rename durable.
 // - CopyFileA onto its own source fails (ERROR_SHARING_VIOLATION) instead of
 //   truncating it, and removes a partial target when the copy fails.
 #include <errno.h>
@@ -22,6 +23,7 @@
 
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
@@ -291,6 +293,19 @@ BOOL WriteFile(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written
     return 1;
 }
 
+BOOL FlushFileBuffers(HANDLE handle) {
+    if (fault_hit(Op::FlushFileBuffers)) return 0;
+    FileObject* file = file_of(handle);
+    if (file == nullptr) return fail(ERROR_INVALID_HANDLE);
+    // fsync is not restarted after EINTR on every file system: try again.
+    int result;
+    do {
+        result = ::fsync(file->fd);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) return fail(transfer_error(errno));
+    return 1;
+}
+
 BOOL SetFilePointerEx(HANDLE handle, LONGLONG distance, LONGLONG* new_position, DWORD method) {
     if (fault_hit(Op::SetFilePointerEx)) return 0;
     FileObject* file = file_of(handle);
@@ -360,6 +375,29 @@ BOOL MoveFileA(const char* existing, const char* target) {
         return fail(ERROR_PATH_NOT_FOUND);
     posix::set_file_error(error_number, existing);
     return 0;
+}
+
+BOOL MoveFileExA(const char* existing, const char* target, DWORD flags) {
+    if (!MoveFileA(existing, target)) return 0;
+    if ((flags & MOVEFILE_WRITE_THROUGH) == 0) return 1;
+    // The rename is on the disk once the target's directory is.
+    if (fault_hit(Op::FlushFileBuffers)) return 0;
+    std::string directory(target);
+    const std::size_t slash = directory.rfind('/');
+    directory = slash == std::string::npos ? "." : slash == 0 ? "/" : directory.substr(0, slash);
+    const int fd = open_retrying(directory.c_str(), O_RDONLY | O_DIRECTORY, 0);
+    if (fd < 0) {
+        posix::set_file_error(errno, directory.c_str());
+        return 0;
+    }
+    int result;
+    do {
+        result = ::fsync(fd);
+    } while (result != 0 && errno == EINTR);
+    const int error_number = errno;
+    ::close(fd);
+    if (result != 0) return fail(posix::win32_from_errno(error_number));
+    return 1;
 }
 
 BOOL DeleteFileA(const char* name) {

@@ -1,6 +1,7 @@
 // os_win32_file.cpp: files and directories: CreateFileA, ReadFile,
-// WriteFile, SetFilePointerEx, GetFileSizeEx, CopyFileA, MoveFileA,
-// DeleteFileA, CreateDirectoryA and GetFileAttributesA.
+// WriteFile, FlushFileBuffers, SetFilePointerEx, GetFileSizeEx, CopyFileA,
+// MoveFileA, MoveFileExA, DeleteFileA, CreateDirectoryA and
+// GetFileAttributesA.
 //
 // Each is the Windows call itself; only the 64-bit positions change form
 // (LONGLONG here, LARGE_INTEGER there).
@@ -56,6 +57,11 @@ BOOL GetFileSizeEx(HANDLE file, LONGLONG* size) {
     return result;
 }
 
+BOOL FlushFileBuffers(HANDLE file) {
+    if (fault_hit(Op::FlushFileBuffers)) return 0;
+    return ::FlushFileBuffers(file);
+}
+
 BOOL CopyFileA(const char* existing, const char* target, BOOL fail_if_exists) {
     if (fault_hit(Op::CopyFileA)) return 0;
     return ::CopyFileA(existing, target, fail_if_exists);
@@ -64,6 +70,12 @@ BOOL CopyFileA(const char* existing, const char* target, BOOL fail_if_exists) {
 BOOL MoveFileA(const char* existing, const char* target) {
     if (fault_hit(Op::MoveFileA)) return 0;
     return ::MoveFileA(existing, target);
+}
+
+BOOL MoveFileExA(const char* existing, const char* target, DWORD flags) {
+    if (fault_hit(Op::MoveFileA)) return 0;
+    // As MoveFileA, a file may go to another volume by a copy.
+    return ::MoveFileExA(existing, target, flags | MOVEFILE_COPY_ALLOWED);
 }
 
 BOOL DeleteFileA(const char* name) {

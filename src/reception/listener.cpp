@@ -49,8 +49,17 @@ struct ListenerRunning {
     ~ListenerRunning() { listener_running.store(0); }
 };
 
+int set_reuse_address(os::SOCKET socket) {
+    const int one = 1;
+    return os::setsockopt(socket, os::SOL_SOCKET, os::SO_REUSEADDR,
+                          reinterpret_cast<const char*>(&one), sizeof one);
+}
+
 // Opens the port: 1 with the socket listening, 0 when the thread is to end
-// (reported, socket closed).
+// (reported, socket closed). Where the platform wants it, SO_REUSEADDR comes
+// before the first bind, so that the TIME_WAIT ends of a stopped gateway's
+// last connections don't keep its successor off the port; a port on which
+// another server listens still refuses the bind.
 int open_port(os::SOCKET socket) {
     os::sockaddr_in address{};
     address.sin_family = os::AF_INET;
@@ -58,6 +67,8 @@ int open_port(os::SOCKET socket) {
     address.sin_port = static_cast<std::uint16_t>(smtp_service->s_port);
     const auto* name = reinterpret_cast<const os::sockaddr*>(&address);
     log_debug("Starting SMTP listen");
+    if (os::reuse_address_before_bind && set_reuse_address(socket) < 0)
+        return close_and_report(socket, event::setsockopt_failed);
     if (os::bind(socket, name, sizeof address) < 0) {
         const int code = os::WSAGetLastError();
         if (code != os::WSAEADDRINUSE && code != os::WSAEADDRNOTAVAIL)
@@ -68,9 +79,7 @@ int open_port(os::SOCKET socket) {
             os::closesocket(socket);  // the probe has said who answered
             return 0;
         }
-        const int one = 1;
-        const int result = os::setsockopt(socket, os::SOL_SOCKET, os::SO_REUSEADDR,
-                                          reinterpret_cast<const char*>(&one), sizeof one);
+        const int result = set_reuse_address(socket);
         if (result < 0) return close_and_report(socket, event::setsockopt_failed);
         log_debug("setSocktOpt returned %x", static_cast<unsigned>(result));
         if (os::bind(socket, name, sizeof address) < 0)

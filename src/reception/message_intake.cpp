@@ -53,15 +53,19 @@ void make_debug_copy(const SmtpSession& session) {
     }
 }
 
-// Hands the file over to pickup by its final name. A failed rename leaves
-// the .tmp file where nothing picks it up; the peer has its 250 already.
+// Hands the file over to pickup by its final name, on the disk before the
+// call returns unless SpoolSync is 0. A failed rename leaves the .tmp file
+// where nothing picks it up; the peer has its 250 already.
 void publish_spool_file(const SmtpSession& session) {
     char final_path[os::MAX_PATH];
     std::memcpy(final_path, session.spool_path, sizeof final_path);
     // The name ends in ".tmp", so ".822" takes exactly its room.
     char* extension = final_path + (path_extension(session.spool_path) - session.spool_path);
     std::memcpy(extension, ".822", sizeof ".822");
-    os::MoveFileA(session.spool_path, final_path);
+    if (spool_sync != 0)
+        os::MoveFileExA(session.spool_path, final_path, os::MOVEFILE_WRITE_THROUGH);
+    else
+        os::MoveFileA(session.spool_path, final_path);
 }
 
 // The message is complete and closed: answer, then keep or drop the file.
@@ -213,11 +217,14 @@ int receive_message(SmtpSession& session) {
     reply(session, "354 Start mail input; end with <CRLF>.<CRLF>\r\n");
     int result = write_trace_headers(session) < 0 ? LINE_EXTRA : receive_text(session);
     if (result == LINE_CLEAN) {
-        // With a buffered stream a full disk may show only at the close; a
-        // 250 for a file that is not whole would lose the mail.
+        // With a buffered stream a full disk may show only at the close, and
+        // without a sync a crash of the machine may lose what the system
+        // still holds: a 250 for a file that is not whole would lose the
+        // mail. A failed sync is a failed write.
         Stream* spool = session.spool;
         session.spool = nullptr;
-        if (spool->close() == 0) return accept_message(session);
+        const bool synced = spool_sync == 0 || spool->sync() == 0;
+        if (spool->close() == 0 && synced) return accept_message(session);
         os::DeleteFileA(session.spool_path);
         reply(session, "452 No space left, try again later\r\n");
         return LINE_EXTRA;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "frame/message_catalogue.h"
@@ -166,6 +167,48 @@ TEST(IntakeFailure, FailedRenameLeavesTheTemporaryFileAfterThe250) {
     EXPECT_TRUE(module.spool_files(".822").empty());
     EXPECT_EQ(module.spool_files(".tmp").size(), 1u);
 }
+
+// The spool file is synced before its 250 and the rename to .822 after it
+// (two syncs a message), unless SpoolSync is 0. A failed sync of the file
+// is a failed write; one of the directory comes too late to change a reply.
+struct SyncCase {
+    const char* name;
+    const char* settings;
+    unsigned failing_sync;  // 0: none
+    const char* reply;
+    std::size_t kept;  // .822 files afterwards
+    unsigned syncs;
+};
+void PrintTo(const SyncCase& c, std::ostream* out) {
+    *out << c.name;
+}
+class SpoolSync : public ::testing::TestWithParam<SyncCase> {};
+
+TEST_P(SpoolSync, BeforeAndAfterThe250) {
+    const SyncCase& c = GetParam();
+    ReceptionFixture module(c.settings);
+    auto client = module.connect();
+    envelope(*client);
+    EXPECT_EQ(client->command("DATA"), go_ahead);
+    os::FaultScope sync_fails(os::Op::FlushFileBuffers, c.failing_sync == 0 ? 1000 : c.failing_sync,
+                              os::ERROR_DISK_FULL);
+    ASSERT_TRUE(client->send("body\r\n.\r\n"));
+    EXPECT_EQ(client->read_reply(), c.reply);
+    // Its reply comes once the accepted file has its final name.
+    EXPECT_EQ(client->command("NOOP"), "250 Quillbox SMTP OK\r\n");
+    EXPECT_EQ(module.spool_files(".822").size(), c.kept);
+    EXPECT_TRUE(module.spool_files(".tmp").empty());
+    EXPECT_EQ(os::fault_calls(os::Op::FlushFileBuffers), c.syncs);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    IntakeFailure, SpoolSync,
+    ::testing::Values(SyncCase{"file_and_directory", "", 0, "250 Mail accepted\r\n", 1, 2},
+                      SyncCase{"off", "\"SpoolSync\"=dword:00000000", 0, "250 Mail accepted\r\n", 1,
+                               0},
+                      SyncCase{"file_fails", "", 1, "452 No space left, try again later\r\n", 0, 1},
+                      SyncCase{"directory_fails", "", 2, "250 Mail accepted\r\n", 1, 2}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(IntakeFailure, DebugCopyFailureDoesNotTouchTheMessage) {
     ReceptionFixture module;

@@ -104,9 +104,9 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Listener, SetsockoptFailingBehindATakenPort) {
     ReceptionFixture module({}, false);
     os::fault_arm(os::Op::bind, 1, os::WSAEADDRINUSE);
-    // The probe's socket takes the first two (its time-outs); the third is
-    // the listener's SO_REUSEADDR.
-    os::fault_arm(os::Op::setsockopt, 3, os::WSAEINVAL);
+    // After the listener's own SO_REUSEADDR before the first bind (POSIX),
+    // the probe's socket takes two (its time-outs); the next is the retry's.
+    os::fault_arm(os::Op::setsockopt, os::reuse_address_before_bind ? 4 : 3, os::WSAEINVAL);
     ASSERT_EQ(module.start(), 1);
     const auto event = wait_for_event(event::setsockopt_failed);
     os::fault_clear();
@@ -114,6 +114,20 @@ TEST(Listener, SetsockoptFailingBehindATakenPort) {
     ASSERT_EQ(event->strings.size(), 1u);
     EXPECT_EQ(event->strings[0], "errore winsock: argomento non valido");
     EXPECT_EQ(count_events(event::port_in_use), 1u);
+    SmtpTestClient client(module.port(), 0);
+    EXPECT_FALSE(client.connected());
+}
+
+// The option set before the first bind cannot be set: reception is off,
+// and the port was never found taken.
+TEST(Listener, SetsockoptFailingBeforeTheFirstBind) {
+    if (!os::reuse_address_before_bind) GTEST_SKIP() << "the first bind takes no option here";
+    ReceptionFixture module({}, false);
+    os::fault_arm(os::Op::setsockopt, 1, os::WSAEINVAL);
+    ASSERT_EQ(module.start(), 1);
+    ASSERT_TRUE(wait_for_event(event::setsockopt_failed).has_value());
+    os::fault_clear();
+    EXPECT_EQ(count_events(event::port_in_use), 0u);
     SmtpTestClient client(module.port(), 0);
     EXPECT_FALSE(client.connected());
 }
@@ -147,6 +161,8 @@ INSTANTIATE_TEST_SUITE_P(Codes, PortTakenByNobody,
                                            TakenPort{"not_available", os::WSAEADDRNOTAVAIL}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// A socket bound with SO_REUSEADDR but not listening: taken over, at the
+// first bind where the listener sets the option itself.
 TEST(Listener, PortHeldByASocketThatDoesNotListen) {
     ReceptionFixture module({}, false);
     PortHolder holder(module.port());
@@ -154,7 +170,7 @@ TEST(Listener, PortHeldByASocketThatDoesNotListen) {
     ASSERT_EQ(module.start(), 1);
     auto client = module.connect();
     EXPECT_EQ(client->command("NOOP"), "250 Quillbox SMTP OK\r\n");
-    EXPECT_EQ(count_events(event::port_in_use), 1u);
+    EXPECT_EQ(count_events(event::port_in_use), os::reuse_address_before_bind ? 0u : 1u);
 }
 
 TEST(Listener, FailedAcceptIsRetriedAtOnce) {
