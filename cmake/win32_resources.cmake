@@ -20,9 +20,13 @@ set(generator_sources
 set(QBSMTP_RESOURCE_SCRIPT ${resource_dir}/QBSMTP.rc)
 set(QBSMTP_RESOURCE_LISTING ${resource_dir}/catalogue_listing.txt)
 
+set(generator_warnings -Wall -Wextra)
+if(QBSMTP_WERROR)
+  list(APPEND generator_warnings -Werror)
+endif()
 add_custom_command(OUTPUT ${generator}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${resource_dir}
-  COMMAND ${QBSMTP_HOST_CXX} -std=c++20 -Wall -Wextra -Werror
+  COMMAND ${QBSMTP_HOST_CXX} -std=c++20 ${generator_warnings}
     -I${PROJECT_SOURCE_DIR}/src -o ${generator} ${generator_sources}
   DEPENDS ${generator_sources}
     ${PROJECT_SOURCE_DIR}/src/frame/message_catalogue.h

@@ -103,8 +103,8 @@ enum {
 };
 
 /* Bits of the logging mask given to SMTPSetLogging. */
-#define QBSMTP_LOG_SESSIONS 0x80000000u    /* session start/end, accepted mail */
-#define QBSMTP_LOG_DEBUG_COPY 0x00200000u  /* copy each accepted file to Debug */
+#define QBSMTP_LOG_SESSIONS 0x80000000u     /* session start/end, accepted mail */
+#define QBSMTP_LOG_DEBUG_COPY 0x00200000u   /* copy each accepted file to Debug */
 #define QBSMTP_LOG_SEND_SUCCESS 0x00100000u /* report each delivered message */
 
 QBSMTP_API void QBSMTP_CALL SMTPSetLogging(uint32_t mask);

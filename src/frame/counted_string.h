@@ -14,7 +14,7 @@
 namespace qbsmtp {
 
 class CountedString {
-public:
+  public:
     std::int32_t length = 0;  // bytes of text without the NUL
     char* text = nullptr;     // LocalAlloc block, or null
 

@@ -15,8 +15,8 @@
 namespace qbsmtp {
 
 class EventReporter {
-public:
-    os::HMODULE message_library = nullptr;       // load reference held from register_source to close
+  public:
+    os::HMODULE message_library = nullptr;  // load reference held from register_source to close
     std::atomic<std::uint32_t> logging_mask{0};  // bits set by the host; read without a lock
     os::HANDLE source_handle = nullptr;          // the open event source, null if none
 
@@ -40,7 +40,7 @@ public:
         return bits & logging_mask.load(std::memory_order_relaxed);
     }
 
-private:
+  private:
     int report_strings(std::uint32_t id, const char** strings, int count);
 };
 

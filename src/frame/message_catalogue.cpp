@@ -15,10 +15,14 @@ const os::MessageResource event_texts[] = {
     {event::mime_ended, "MIME terminato\r\n"},
     {event::mail_accepted, "Posta SMTP accettata: %1\r\n"},
     {event::debug_text, "%1\r\n"},
-    {event::port_in_use, "Questa porta SMTP \xe8 gi\xe0 utilizzata, un altro server ha potuto funzionare\r\n"},
+    {event::port_in_use,
+     "Questa porta SMTP \xe8 gi\xe0 utilizzata, un altro server ha potuto funzionare\r\n"},
     {event::mime_reinitialised, "Reinizializzazione MIME\r\n"},
-    {event::duplicate_dropped, "File %1 duplica il messaggio precedente file %2 (messaggio ignorato, file cancellato)\r\n"},
-    {event::address_domain_mismatch, "Il dominio di indirizzo (%1) non corrisponde al server di fax (%2). Indirizzo <%3> scartato\r\n"},
+    {event::duplicate_dropped,
+     "File %1 duplica il messaggio precedente file %2 (messaggio ignorato, file cancellato)\r\n"},
+    {event::address_domain_mismatch,
+     "Il dominio di indirizzo (%1) non corrisponde al server di fax (%2). Indirizzo <%3> "
+     "scartato\r\n"},
     {event::create_directory_failed, "CreaDirectory(%1) fallito: %2\r\n"},
     {event::create_thread_failed, "CreaThread(%1) fallito: %2\r\n"},
     {event::create_file_failed, "Errore in creazione file %1: %2\r\n"},
@@ -26,7 +30,9 @@ const os::MessageResource event_texts[] = {
     {event::write_failed, "Errore in scrittura %1: %2\r\n"},
     {event::copy_file_failed, "Errore in copia file %1 to %2: %3\r\n"},
     {event::delete_file_failed, "Errore in cancellazione file %1: %2\r\n"},
-    {event::port_owned_by_other_server, "Questa porta SMTP \xe8 gi\xe0 utilizzata, STMP Receive \xe8 disattivata,%1 Altro server SMTP ha restituito:%2\"%3\"\r\n"},
+    {event::port_owned_by_other_server,
+     "Questa porta SMTP \xe8 gi\xe0 utilizzata, STMP Receive \xe8 disattivata,%1 Altro server SMTP "
+     "ha restituito:%2\"%3\"\r\n"},
     {event::file_name_too_long, "Il nome file %1... \xe8 troppo lungo\r\n"},
     {event::winsock_start_failed, "Impossibile inizializzare WinSock: %1\r\n"},
     {event::host_name_unknown, "Impossibile determinare il nome host locale: %1\r\n"},
@@ -39,12 +45,14 @@ const os::MessageResource event_texts[] = {
     {event::listen_failed, "listen() fallito: %1\r\n"},
     {event::unexpected_reply, "Risposta inattesas %1 da SMTP remoto\r\n"},
     {event::connection_lost, "Persa connessione con SMTP remoto\r\n"},
-    {event::attachment_type_invalid, "Impossibile inviare %1: il nome o il tipo file non \xe8 valido\r\n"},
+    {event::attachment_type_invalid,
+     "Impossibile inviare %1: il nome o il tipo file non \xe8 valido\r\n"},
     {event::reply_unintelligible, "Non capisco i dati ricevuti dall'SMTP remoto\r\n"},
     {event::quit_failed, "Chiusura modulo invio fallita; codice risposta %1\r\n"},
     {event::mime_type_unsupported, "MIME type %1/%2 non \xe8 supportato\r\n"},
     {event::message_id_invalid, "Messaggio non valido-stringa Id nel file %1\r\n"},
-    {event::uuencode_begin_missing, "Nessun inizio riga trovato per elemento multiparte %1 in %2\r\n"},
+    {event::uuencode_begin_missing,
+     "Nessun inizio riga trovato per elemento multiparte %1 in %2\r\n"},
     {event::uuencode_end_missing, "Nessuna fine riga trovata per elemento multiparte %1 in %2\r\n"},
     {event::no_recipient, "Il messaggio non contiene un indirizzo \"a\" \r\n"},
     {event::no_sender, "Il messaggio non contiene un indirizzo \"da\" \r\n"},
@@ -55,95 +63,59 @@ const std::size_t event_text_count = sizeof event_texts / sizeof event_texts[0];
 
 const os::StringResource winsock_strings[] = {
     {1, "errore winsock: "},
-    {4, "chiamata a funzione interrotta"},  // WSAEINTR
-    {13, "permesso negato"},  // WSAEACCES
-    {14, "indirizzo errato"},  // WSAEFAULT
-    {22, "argomento non valido"},  // WSAEINVAL
-    {24, "troppi file aperti"},  // WSAEMFILE
-    {35, "risorsa temporaneamente non disponibile"},  // WSAEWOULDBLOCK
-    {36, "operazione in esecuzione ora"},  // WSAEINPROGRESS
-    {37, "operazione gi\xe0 in esecuzione"},  // WSAEALREADY
-    {38, "operazione socket su non-socket"},  // WSAENOTSOCK
-    {39, "indirizzo destinazione richiesto"},  // WSAEDESTADDRREQ
-    {40, "messaggio troppo lungo"},  // WSAEMSGSIZE
-    {41, "tipo protocollo errato per socket"},  // WSAEPROTOTYPE
-    {42, "errata opzione di protocollo"},  // WSAENOPROTOOPT
-    {43, "protocollo non supportato"},  // WSAEPROTONOSUPPORT
-    {44, "tipo socket non supportato"},  // WSAESOCKTNOSUPPORT
-    {45, "operazione non supportata"},  // WSAEOPNOTSUPP
-    {46, "famiglia di protocollo non supportata"},  // WSAEPFNOSUPPORT
+    {4, "chiamata a funzione interrotta"},                                     // WSAEINTR
+    {13, "permesso negato"},                                                   // WSAEACCES
+    {14, "indirizzo errato"},                                                  // WSAEFAULT
+    {22, "argomento non valido"},                                              // WSAEINVAL
+    {24, "troppi file aperti"},                                                // WSAEMFILE
+    {35, "risorsa temporaneamente non disponibile"},                           // WSAEWOULDBLOCK
+    {36, "operazione in esecuzione ora"},                                      // WSAEINPROGRESS
+    {37, "operazione gi\xe0 in esecuzione"},                                   // WSAEALREADY
+    {38, "operazione socket su non-socket"},                                   // WSAENOTSOCK
+    {39, "indirizzo destinazione richiesto"},                                  // WSAEDESTADDRREQ
+    {40, "messaggio troppo lungo"},                                            // WSAEMSGSIZE
+    {41, "tipo protocollo errato per socket"},                                 // WSAEPROTOTYPE
+    {42, "errata opzione di protocollo"},                                      // WSAENOPROTOOPT
+    {43, "protocollo non supportato"},                                         // WSAEPROTONOSUPPORT
+    {44, "tipo socket non supportato"},                                        // WSAESOCKTNOSUPPORT
+    {45, "operazione non supportata"},                                         // WSAEOPNOTSUPP
+    {46, "famiglia di protocollo non supportata"},                             // WSAEPFNOSUPPORT
     {47, "famiglia di indirizzi non supportata dalla familia di protocolli"},  // WSAEAFNOSUPPORT
-    {48, "indirizzo gi\xe0 in uso"},  // WSAEADDRINUSE
-    {49, "impossibile assegnare gli indirizzi richiesti"},  // WSAEADDRNOTAVAIL
-    {50, "rete non disponibile"},  // WSAENETDOWN
-    {51, "rete irraggiungibile"},  // WSAENETUNREACH
-    {52, "la rete ha ripristinato la connessione"},  // WSAENETRESET
-    {53, "il software ha causato il termine della connessione"},  // WSAECONNABORTED
-    {54, "ripristino della connessione dal punto"},  // WSAECONNRESET
-    {55, "nessuno spazio nel buffer disponibile"},  // WSAENOBUFS
-    {56, "socket gi\xe0 connesso"},  // WSAEISCONN
-    {57, "socket non connesso"},  // WSAENOTCONN
-    {58, "impossibile inviare dopo la chiusura socket"},  // WSAESHUTDOWN
-    {60, "connessione scaduta "},  // WSAETIMEDOUT
-    {61, "connessione rifiutata"},  // WSAECONNREFUSED
-    {64, "host non disponibile"},  // WSAEHOSTDOWN
-    {65, "nessun accesso all'host"},  // WSAEHOSTUNREACH
-    {67, "troppi processi"},  // WSAEPROCLIM
-    {91, "sottosistema di rete non disponibile"},  // WSASYSNOTREADY
-    {92, "versione WINSOCK.DLL incorretta"},  // WSAVERNOTSUPPORTED
-    {93, "WSAStartup di successo non ancora eseguito"},  // WSANOTINITIALISED
-    {94, "chiusura soft in esecuzione"},  // WSAEDISCON
-    {109, "tipo classe non trovato"},  // WSATYPE_NOT_FOUND
-    {111, "host non trovato"},  // WSAHOST_NOT_FOUND
-    {112, "host non-authoritative non trovato"},  // WSATRY_AGAIN
-    {113, "questo \xe8 un errore non risolvibile"},  // WSANO_RECOVERY
-    {114, "nome valido, nessun record di dati del tipo richiesto"},  // WSANO_DATA
+    {48, "indirizzo gi\xe0 in uso"},                                           // WSAEADDRINUSE
+    {49, "impossibile assegnare gli indirizzi richiesti"},                     // WSAEADDRNOTAVAIL
+    {50, "rete non disponibile"},                                              // WSAENETDOWN
+    {51, "rete irraggiungibile"},                                              // WSAENETUNREACH
+    {52, "la rete ha ripristinato la connessione"},                            // WSAENETRESET
+    {53, "il software ha causato il termine della connessione"},               // WSAECONNABORTED
+    {54, "ripristino della connessione dal punto"},                            // WSAECONNRESET
+    {55, "nessuno spazio nel buffer disponibile"},                             // WSAENOBUFS
+    {56, "socket gi\xe0 connesso"},                                            // WSAEISCONN
+    {57, "socket non connesso"},                                               // WSAENOTCONN
+    {58, "impossibile inviare dopo la chiusura socket"},                       // WSAESHUTDOWN
+    {60, "connessione scaduta "},                                              // WSAETIMEDOUT
+    {61, "connessione rifiutata"},                                             // WSAECONNREFUSED
+    {64, "host non disponibile"},                                              // WSAEHOSTDOWN
+    {65, "nessun accesso all'host"},                                           // WSAEHOSTUNREACH
+    {67, "troppi processi"},                                                   // WSAEPROCLIM
+    {91, "sottosistema di rete non disponibile"},                              // WSASYSNOTREADY
+    {92, "versione WINSOCK.DLL incorretta"},                                   // WSAVERNOTSUPPORTED
+    {93, "WSAStartup di successo non ancora eseguito"},                        // WSANOTINITIALISED
+    {94, "chiusura soft in esecuzione"},                                       // WSAEDISCON
+    {109, "tipo classe non trovato"},                                          // WSATYPE_NOT_FOUND
+    {111, "host non trovato"},                                                 // WSAHOST_NOT_FOUND
+    {112, "host non-authoritative non trovato"},                               // WSATRY_AGAIN
+    {113, "questo \xe8 un errore non risolvibile"},                            // WSANO_RECOVERY
+    {114, "nome valido, nessun record di dati del tipo richiesto"},            // WSANO_DATA
 };
 const std::size_t winsock_string_count = sizeof winsock_strings / sizeof winsock_strings[0];
 
 const WinsockCodeString winsock_code_table[] = {
-    {10004, 4},
-    {10013, 13},
-    {10014, 14},
-    {10022, 22},
-    {10024, 24},
-    {10035, 35},
-    {10036, 36},
-    {10037, 37},
-    {10038, 38},
-    {10039, 39},
-    {10040, 40},
-    {10041, 41},
-    {10042, 42},
-    {10043, 43},
-    {10044, 44},
-    {10045, 45},
-    {10046, 46},
-    {10047, 47},
-    {10048, 48},
-    {10049, 49},
-    {10050, 50},
-    {10051, 51},
-    {10052, 52},
-    {10053, 53},
-    {10054, 54},
-    {10055, 55},
-    {10056, 56},
-    {10057, 57},
-    {10058, 58},
-    {10060, 60},
-    {10061, 61},
-    {10064, 64},
-    {10065, 65},
-    {10067, 67},
-    {10091, 91},
-    {10092, 92},
-    {10093, 93},
-    {10101, 94},
-    {10109, 109},
-    {11001, 111},
-    {11002, 112},
-    {11003, 113},
+    {10004, 4},   {10013, 13}, {10014, 14}, {10022, 22},  {10024, 24},  {10035, 35},  {10036, 36},
+    {10037, 37},  {10038, 38}, {10039, 39}, {10040, 40},  {10041, 41},  {10042, 42},  {10043, 43},
+    {10044, 44},  {10045, 45}, {10046, 46}, {10047, 47},  {10048, 48},  {10049, 49},  {10050, 50},
+    {10051, 51},  {10052, 52}, {10053, 53}, {10054, 54},  {10055, 55},  {10056, 56},  {10057, 57},
+    {10058, 58},  {10060, 60}, {10061, 61}, {10064, 64},  {10065, 65},  {10067, 67},  {10091, 91},
+    {10092, 92},  {10093, 93}, {10101, 94}, {10109, 109}, {11001, 111}, {11002, 112}, {11003, 113},
     {11004, 114},
 };
 const std::size_t winsock_code_count = sizeof winsock_code_table / sizeof winsock_code_table[0];

@@ -33,7 +33,7 @@ os::HANDLE create_unique_file(const CountedString& directory, char* path, std::s
                               const char* prefix, const char* extension);
 
 class FileFinder {
-public:
+  public:
     int found = 0;
     os::WIN32_FIND_DATAA data{};
     os::HANDLE handle = os::INVALID_HANDLE_VALUE;

@@ -11,11 +11,11 @@
 namespace qbsmtp {
 
 class RegistryKey {
-public:
-    CountedString key_path;         // root name, backslash, path below it; for reports
-    os::HKEY base_key = nullptr;    // the root the object was made on
-    os::REGSAM access = 0;          // KEY_READ opens, anything else creates
-    os::HKEY handle = nullptr;      // key now open; base_key at first; INVALID_HKEY after a failed open
+  public:
+    CountedString key_path;       // root name, backslash, path below it; for reports
+    os::HKEY base_key = nullptr;  // the root the object was made on
+    os::REGSAM access = 0;        // KEY_READ opens, anything else creates
+    os::HKEY handle = nullptr;  // key now open; base_key at first; INVALID_HKEY after a failed open
 
     RegistryKey(os::REGSAM access, os::HKEY base_key);
     ~RegistryKey();

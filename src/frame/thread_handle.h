@@ -9,7 +9,7 @@
 namespace qbsmtp {
 
 class ThreadHandle {
-public:
+  public:
     os::HANDLE handle = nullptr;  // 0 when none
     std::uint32_t thread_id = 0;
 
