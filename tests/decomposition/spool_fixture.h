@@ -1,8 +1,9 @@
 // spool_fixture.h: a module set up for decomposition, as SMTPRecvInit
 // leaves it but without a listener: a fresh prefix with an event source, a
 // spool directory with its mime directory, and the MIME type map loaded
-// from a small types file of the test's own. Helpers write spool files,
-// run the body readers over given bytes and read back what they made.
+// from a small types file of the test's own. For the large-message and
+// hostile-spool tests, which write their own spool files; the golden cases
+// have a runner of their own (decomposition_cases_test.cpp).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,11 +14,9 @@
 #include <vector>
 
 #include "decomposition/mime_type_map.h"
-#include "decomposition/parse_context.h"
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "frame/paths.h"
-#include "frame/stream.h"
 #include "platform/os.h"
 #include "platform/os_fault.h"
 #include "qbsmtp/qbsmtp.h"
@@ -60,17 +59,6 @@ inline std::string base64(const std::string& bytes) {
     return encoded;
 }
 
-// Bytes of every value, in a pattern of the given length.
-inline std::string binary_bytes(std::size_t length, unsigned seed = 1) {
-    std::string bytes(length, '\0');
-    unsigned state = seed;
-    for (char& c : bytes) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 16);
-    }
-    return bytes;
-}
-
 class SpoolFixture : public ::testing::Test {
   protected:
     TempPrefix prefix;
@@ -109,17 +97,6 @@ class SpoolFixture : public ::testing::Test {
         record.subtype_rank = kept;
     }
 
-    // A spool file as intake writes it: the two trace lines, then the
-    // message; CR LF line ends and no line end behind the last line.
-    std::string spool_message(const std::string& message, const std::string& name = "rx000001") {
-        const std::string path = spool + os::path_separator + name + ".822";
-        write_file(path,
-                   "Return-Path: <bounce@sender.example>\r\n"
-                   "Received: from a by b with SMTP ; 18 Nov 2026 12:00:05 +0100\r\n" +
-                       message);
-        return path;
-    }
-
     // The entries of the record's attachments.
     std::vector<std::string> attachments() const {
         std::vector<std::string> entries;
@@ -129,89 +106,6 @@ class SpoolFixture : public ::testing::Test {
         }
         return entries;
     }
-    std::vector<std::string> attachment_contents() const {
-        std::vector<std::string> contents;
-        for (const std::string& path : attachments()) contents.push_back(read_file(path));
-        return contents;
-    }
-    // Every file now under mime_dir.
-    std::vector<std::string> mime_files() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(mime))
-            names.push_back(entry.path().string());
-        return names;
-    }
-
-    // The insertion strings of the one event with this id.
-    static std::vector<std::string> only_event(std::uint32_t id) {
-        const auto events = events_with_id(id);
-        EXPECT_EQ(events.size(), 1u) << "events with id " << std::hex << id;
-        return events.empty() ? std::vector<std::string>{} : events.front().strings;
-    }
 };
-
-// A ParseContext over given input bytes with an open output file under the
-// mime directory, for the body readers one by one.
-class BodyContext {
-  public:
-    BodyContext(const std::string& directory, const std::string& input)
-        : input_path_(directory + "/input.bin"), output_path_(directory + "/output.bin") {
-        write_file(input_path_, input);
-        context.record = &record_;
-        context.message_path = input_path_.c_str();
-        context.input = Stream::open(input_path_.c_str(), "rb");
-        context.output_path = output_path_.c_str();
-        context.output = Stream::open(output_path_.c_str(), "wb");
-        EXPECT_NE(context.input, nullptr);
-        EXPECT_NE(context.output, nullptr);
-    }
-    ~BodyContext() { close(); }
-
-    void close() {
-        if (context.input != nullptr) context.input->close();
-        if (context.output != nullptr) context.output->close();
-        context.input = nullptr;
-        context.output = nullptr;
-    }
-    // What was written, once the output is closed.
-    std::string output() {
-        if (context.output != nullptr) context.output->close();
-        context.output = nullptr;
-        return read_file(output_path_);
-    }
-    // What the reader left in the input.
-    std::string rest() {
-        std::string out;
-        for (int c; (c = context.input->getc()) != Stream::eof;) out += static_cast<char>(c);
-        return out;
-    }
-
-    ParseContext context;
-
-  private:
-    std::string input_path_;
-    std::string output_path_;
-    MailRecord record_{};
-};
-
-// Shows control bytes in failure messages.
-inline std::string visible(const std::string& bytes) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c < 32 || c >= 127) {
-            out += "\\x";
-            out += digits[c >> 4];
-            out += digits[c & 15];
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
-}
 
 }  // namespace qbsmtp::test
