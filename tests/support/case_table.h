@@ -2,14 +2,15 @@
 //
 // One case a line, fields separated by '|' and trimmed of blanks; blank
 // lines and lines starting with '#' are passed over. unescape() turns
-// \r, \n, \t, \\, \| and \xHH into their bytes (other backslashes stay as
-// they are), for fields that hold control bytes, edge blanks or a '|'.
+// \r, \n, \t, \\ and \xHH into their bytes (other backslashes stay as they
+// are), for fields that hold control bytes or blanks at their edges.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -21,11 +22,15 @@ struct Case {
     const std::string& operator[](std::size_t i) const { return fields.at(i); }
 };
 
+inline void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.where;
+}
+
 inline std::string unescape(const std::string& text) {
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char next = i + 1 < text.size() ? text[i + 1] : '\0';
-        if (text[i] != '\\' || std::string("rnt\\|x").find(next) == std::string::npos) {
+        if (text[i] != '\\' || std::string("rnt\\x").find(next) == std::string::npos) {
             out += text[i];
         } else if (next == 'x' && i + 3 < text.size()) {
             out += static_cast<char>(std::strtoul(text.substr(i + 2, 2).c_str(), nullptr, 16));
@@ -36,6 +41,24 @@ inline std::string unescape(const std::string& text) {
         }
     }
     return out;
+}
+
+// The pieces of text between separators, trimmed of blanks.
+inline std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> pieces(1);
+    for (char c : text + separator) {
+        if (c != separator) {
+            pieces.back() += c;
+            continue;
+        }
+        const std::size_t begin = pieces.back().find_first_not_of(" \t\r");
+        const std::size_t end = pieces.back().find_last_not_of(" \t\r");
+        pieces.back() =
+            begin == std::string::npos ? "" : pieces.back().substr(begin, end - begin + 1);
+        pieces.emplace_back();
+    }
+    pieces.pop_back();
+    return pieces;
 }
 
 // The file's content under tests/data (name like "frame/paths.txt").
@@ -54,19 +77,7 @@ inline std::vector<Case> read_cases(const std::string& name, std::size_t min_fie
     for (std::string line; std::getline(in, line);) {
         ++number;
         if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#') continue;
-        Case c{name + ":" + std::to_string(number), {}};
-        std::string field;
-        for (std::size_t i = 0; i <= line.size(); ++i) {
-            if (i == line.size() || (line[i] == '|' && (i == 0 || line[i - 1] != '\\'))) {
-                const std::size_t begin = field.find_first_not_of(" \t\r");
-                const std::size_t end = field.find_last_not_of(" \t\r");
-                c.fields.push_back(
-                    begin == std::string::npos ? "" : field.substr(begin, end - begin + 1));
-                field.clear();
-            } else {
-                field += line[i];
-            }
-        }
+        Case c{name + ":" + std::to_string(number), split(line, '|')};
         EXPECT_GE(c.fields.size(), min_fields) << c.where;
         if (c.fields.size() >= min_fields) cases.push_back(std::move(c));
     }
