@@ -3,8 +3,6 @@
 
 #include "frame/message_catalogue.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <map>
 #include <set>
@@ -22,7 +20,7 @@ namespace {
 
 std::string utf8(const char* cp1252) {
     std::string out;
-    if (cp1252 != nullptr) os::posix::append_utf8_from_cp1252(out, cp1252, std::strlen(cp1252));
+    os::posix::append_utf8_from_cp1252(out, cp1252, std::strlen(cp1252));
     return out;
 }
 
@@ -59,25 +57,18 @@ TEST(EventCatalogue, IdsSeveritiesAndTextsAreThoseLogReadersKnow) {
         {"information", 4}, {"warning", 2}, {"error", 1}};
     const auto code = code_ids();
     std::set<std::uint32_t> listed;
-    std::size_t rows = 0;
     for (const test::Case& c : test::read_cases("frame/events.txt", 5)) {
-        ++rows;
         const auto id = static_cast<std::uint32_t>(std::stoul(c[1], nullptr, 16));
         EXPECT_EQ(id & 0xFFFF, std::stoul(c[2])) << c.where;
         ASSERT_EQ(code.count(c[0]), 1u) << c.where << ": the code has no event " << c[0];
         EXPECT_EQ(code.at(c[0]), id) << c.where << ": " << c[0];
-        if (c[3] != "-") {
-            EXPECT_EQ(event_type_of(id), types.at(c[3])) << c.where;
-        }
+        EXPECT_EQ(c[3] == "-" ? 0 : event_type_of(id), c[3] == "-" ? 0 : types.at(c[3])) << c.where;
         const char* text = os::posix::find_message_text(id);
-        if (c[4] == "-") {
-            EXPECT_EQ(text, nullptr) << c.where;
-        } else {
-            EXPECT_EQ(utf8(text), test::unescape(c[4])) << c.where;
-        }
+        EXPECT_EQ(text == nullptr ? "-" : utf8(text), c[4] == "-" ? "-" : test::unescape(c[4]))
+            << c.where;
         listed.insert(id);
     }
-    EXPECT_EQ(rows, code.size());
+    EXPECT_EQ(listed.size(), code.size());
     for (std::size_t i = 0; i < event_text_count; ++i) {
         EXPECT_EQ(listed.count(event_texts[i].id), 1u) << std::hex << event_texts[i].id;
     }
@@ -91,9 +82,6 @@ TEST(WinsockTexts, EachCodeOfTheTableAndOneThatNobodyKnows) {
         EXPECT_EQ(utf8(winsock_error_text(buffer, sizeof buffer)),
                   "errore winsock: " + test::unescape(c[2]))
             << c.where;
-        CountedString text;
-        load_message(text, 0x20000000u | static_cast<std::uint32_t>(std::stoul(c[1])));
-        EXPECT_EQ(utf8(text.c_str()), test::unescape(c[2])) << c.where;
     }
     // Unknown to the table and to the system: the code in hexadecimal.
     os::FaultScope fault(os::Op::FormatMessageA, 2,

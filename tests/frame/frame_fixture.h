@@ -6,13 +6,13 @@
 
 #include <cstdlib>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "support/case_table.h"
 #include "support/event_log.h"
 #include "support/temp_prefix.h"
 
@@ -29,8 +29,7 @@ inline void arm_faults(const std::string& field) {
                                                   {"WSAStartup", Op::WSAStartup},
                                                   {"gethostname", Op::gethostname},
                                                   {"getservbyname", Op::getservbyname}};
-    std::istringstream items(field);
-    for (std::string item; std::getline(items, item, ';');) {
+    for (const std::string& item : split(field, ';')) {
         std::istringstream in(item);
         std::string op, nth;
         os::DWORD error = 0;

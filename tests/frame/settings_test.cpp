@@ -35,18 +35,16 @@ TEST_P(StartModule, Row) {
     EXPECT_EQ(host_name.text == nullptr ? "-" : host_name.c_str(), named(c[2]));
     RegistryKey key(os::KEY_READ, os::HKEY_LOCAL_MACHINE);
     char computed[256] = "-";
-    if (!key.open_subkey(settings_key)) {
-        std::strcpy(computed, "nokey");
-    } else if (!key.get_string("ComputedHostName", computed, sizeof computed)) {
+    const bool has_key = key.open_subkey(settings_key);
+    if (has_key && !key.get_string("ComputedHostName", computed, sizeof computed))
         std::strcpy(computed, "-");
-    }
-    EXPECT_EQ(std::string(computed), named(c[3]));
-    std::vector<std::uint32_t> numbers;
-    for (std::size_t i = 4; i <= 8; ++i)
-        numbers.push_back(static_cast<std::uint32_t>(std::stoul(c[i])));
-    EXPECT_EQ(
-        (std::vector{debug_log, session_timeout, send_timeout, probe_timeout, listen_backlog}),
-        numbers);
+    EXPECT_EQ(has_key ? std::string(computed) : "nokey", named(c[3]));
+    std::string numbers, expected;
+    for (std::uint32_t n :
+         {debug_log, session_timeout, send_timeout, probe_timeout, listen_backlog})
+        numbers += std::to_string(n) + " ";
+    for (std::size_t i = 4; i <= 8; ++i) expected += c[i] + " ";
+    EXPECT_EQ(numbers, expected);
     EXPECT_EQ(smtp_service != nullptr, c[9] == "1");
     const auto events = test::read_events();
     ASSERT_EQ(events.size(), c.fields.size() > 11 ? 1u : 0u);
@@ -55,11 +53,7 @@ TEST_P(StartModule, Row) {
     std::string strings;
     for (const std::string& text : events[0].strings)
         strings += (strings.empty() ? "" : " ; ") + text;
-    const std::size_t star = c[11].find('*');
-    EXPECT_TRUE(
-        strings.starts_with(c[11].substr(0, star)) &&
-        (star == std::string::npos ? strings == c[11] : strings.ends_with(c[11].substr(star + 1))))
-        << strings;
+    EXPECT_EQ(strings, c[11]);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, StartModule,

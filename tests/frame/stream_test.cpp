@@ -1,5 +1,5 @@
-// stream_test.cpp: Stream's text mode, lines and pushback across the end of
-// its buffer, and write failures that close reports.
+// stream_test.cpp: Stream's text mode, and lines and pushback across the
+// end of its buffer.
 
 #include "frame/stream.h"
 
@@ -16,11 +16,10 @@ constexpr std::size_t b = Stream::buffer_size;
 
 std::string read_all(const std::string& path, const char* mode) {
     Stream* s = Stream::open(path.c_str(), mode);
-    EXPECT_NE(s, nullptr) << path;
+    if (s == nullptr) return "<cannot open>";
     std::string out;
-    for (int c; s != nullptr && (c = s->getc()) != Stream::eof;) out += static_cast<char>(c);
-    EXPECT_TRUE(s == nullptr || (s->getc() == Stream::eof && s->close() == 0));
-    return out;
+    for (int c; (c = s->getc()) != Stream::eof;) out += static_cast<char>(c);
+    return s->getc() == Stream::eof && s->close() == 0 ? out : "<not at its end>";
 }
 
 TEST(Stream, TextModeTable) {
@@ -41,7 +40,9 @@ TEST(Stream, TextModeTable) {
 TEST(Stream, LinesAndPushbackAcrossTheBufferEnd) {
     test::TempPrefix prefix;
     // Line ends just before, at and behind the end of the first buffer.
-    std::string raw = std::string(b - 2, 'a') + "\n\n\n" + std::string(50000, 'c') + "\ntail";
+    std::string raw = std::string(b - 2, 'a') + "\n\n\n";
+    for (int i = 0; i < 50000; ++i) raw += static_cast<char>('b' + i % 23);
+    raw += "\ntail";
     test::write_file(prefix.file("in"), raw);
     for (std::size_t size : {2ul, 1000ul, b + 10}) {
         Stream* s = Stream::open(prefix.file("in").c_str(), "rb");
@@ -61,33 +62,19 @@ TEST(Stream, LinesAndPushbackAcrossTheBufferEnd) {
         s->rewind();
         std::vector<char> skipped(b - 1000);
         ASSERT_EQ(s->read(skipped.data(), skipped.size()), skipped.size());
-        std::string taken;
-        for (int i = 0; i < 40000; ++i) taken += static_cast<char>(s->getc());
+        auto read_n = [s](int n) {
+            std::string bytes;
+            while (n-- > 0) bytes += static_cast<char>(s->getc());
+            return bytes;
+        };
+        const std::string taken = read_n(40000);
         for (std::size_t i = taken.size(); i-- > 0;)
             ASSERT_EQ(s->ungetc(static_cast<unsigned char>(taken[i])), taken[i]);
         std::int64_t at = 0;
         EXPECT_EQ(s->getpos(&at), 0);
         EXPECT_EQ(at, static_cast<std::int64_t>(skipped.size()));
-        std::string again;
-        for (int i = 0; i < 40010; ++i) again += static_cast<char>(s->getc());
-        EXPECT_EQ(again, raw.substr(skipped.size(), 40010));
+        EXPECT_EQ(read_n(40010), raw.substr(skipped.size(), 40010));
         EXPECT_EQ(s->close(), 0);
-    }
-}
-
-TEST(Stream, FailedWriteFailsTheCloseWithItsReason) {
-    test::TempPrefix prefix;
-    // Bytes written before the nth WriteFile fails: on the flush of close,
-    // of a full buffer, or a later one.
-    const std::pair<std::size_t, unsigned> cases[] = {{10, 1}, {3 * b + 7, 1}, {3 * b + 7, 2}};
-    for (const auto& [before, nth] : cases) {
-        Stream* s = Stream::open(prefix.file("out").c_str(), "wb");
-        ASSERT_NE(s, nullptr);
-        os::FaultScope fault(os::Op::WriteFile, nth, os::ERROR_DISK_FULL);
-        for (std::size_t i = 0; i < before; ++i) s->putc('w');
-        os::SetLastError(0);
-        EXPECT_EQ(s->close(), Stream::eof) << before << " " << nth;
-        EXPECT_EQ(os::GetLastError(), os::ERROR_DISK_FULL);
     }
 }
 
