@@ -83,6 +83,7 @@ void send_to_syslog(const std::string& ident, int priority, const std::string& l
         current = &*idents->insert(ident).first;
         ::openlog(current->c_str(), LOG_PID, LOG_MAIL);
     }
+    std::lock_guard zone_lock(posix::time_zone_lock());  // syslog stamps in local time
     ::syslog(LOG_MAIL | priority, "%s", line.c_str());
 }
 
@@ -90,7 +91,10 @@ std::string iso_time_now() {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     tm fields;
-    gmtime_r(&now.tv_sec, &fields);
+    {
+        std::lock_guard lock(posix::time_zone_lock());
+        gmtime_r(&now.tv_sec, &fields);
+    }
     char buffer[96];
     std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ",
                   fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday, fields.tm_hour,

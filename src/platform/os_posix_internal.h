@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "platform/os.h"
@@ -73,6 +74,10 @@ const std::string& prefix_directory();
 std::string prefix_file(const char* name);
 
 // ---- Time --------------------------------------------------------------------
+// Held around every call that reads or sets the C library's time-zone state
+// (tzset, localtime_r, gmtime_r, syslog): glibc locks that state inside,
+// where a thread checker cannot see it, so the order is made visible here.
+std::mutex& time_zone_lock();
 // A FILETIME from seconds and nanoseconds since 1970-01-01 UTC.
 FILETIME filetime_from_unix(std::int64_t seconds, std::int64_t nanoseconds);
 

@@ -169,11 +169,9 @@ SYSTEMTIME rule_date(time_t change, long offset_before) {
     return date;
 }
 
-std::mutex zone_lock;
-
-// The survey of the zone named by TZ for year, cached between calls.
+// The survey of the zone named by TZ for year, cached between calls; the
+// caller holds time_zone_lock().
 ZoneYear current_zone(int year) {
-    std::lock_guard lock(zone_lock);
     static std::string cached_tz;
     static bool cached_tz_set = false;
     static int cached_year = 0;
@@ -193,11 +191,23 @@ ZoneYear current_zone(int year) {
 
 }  // namespace
 
+namespace posix {
+
+std::mutex& time_zone_lock() {
+    static std::mutex lock;
+    return lock;
+}
+
+}  // namespace posix
+
 void GetLocalTime(SYSTEMTIME* time) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     tm fields;
-    localtime_r(&now.tv_sec, &fields);
+    {
+        std::lock_guard lock(posix::time_zone_lock());
+        localtime_r(&now.tv_sec, &fields);
+    }
     fill_system_time(fields, now.tv_nsec, time);
 }
 
@@ -205,7 +215,10 @@ void GetSystemTime(SYSTEMTIME* time) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     tm fields;
-    gmtime_r(&now.tv_sec, &fields);
+    {
+        std::lock_guard lock(posix::time_zone_lock());
+        gmtime_r(&now.tv_sec, &fields);
+    }
     fill_system_time(fields, now.tv_nsec, time);
 }
 
@@ -217,6 +230,7 @@ DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* zone) {
     }
     std::memset(zone, 0, sizeof *zone);
     time_t now = ::time(nullptr);
+    std::lock_guard lock(posix::time_zone_lock());
     tm fields;
     if (localtime_r(&now, &fields) == nullptr) return TIME_ZONE_ID_UNKNOWN;
     ZoneYear year = current_zone(fields.tm_year + 1900);

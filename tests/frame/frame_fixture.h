@@ -5,15 +5,39 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <map>
+#include <string>
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "support/case_table.h"
 #include "support/event_log.h"
 #include "support/temp_prefix.h"
 
 namespace qbsmtp::test {
+
+// Arms the faults of a table's field: "Op nth error" items separated by
+// ';', with "nth+" for that call and every later one.
+inline void arm_faults(const std::string& field) {
+    using os::Op;
+    static const std::map<std::string, Op> ops = {{"CreateFileA", Op::CreateFileA},
+                                                  {"CreateDirectoryA", Op::CreateDirectoryA},
+                                                  {"GetFileAttributesA", Op::GetFileAttributesA},
+                                                  {"LocalAlloc", Op::LocalAlloc},
+                                                  {"WSAStartup", Op::WSAStartup},
+                                                  {"gethostname", Op::gethostname},
+                                                  {"getservbyname", Op::getservbyname}};
+    for (const std::string& item : split(field, ';')) {
+        std::istringstream in(item);
+        std::string op, nth;
+        os::DWORD error = 0;
+        if (in >> op >> nth >> error)
+            os::fault_arm(ops.at(op), static_cast<unsigned>(std::stoul(nth)), error,
+                          nth.back() == '+');
+    }
+}
 
 class ReportingFrame : public ::testing::Test {
   protected:
@@ -28,13 +52,6 @@ class ReportingFrame : public ::testing::Test {
     void TearDown() override {
         os::fault_clear();
         event_reporter.close();
-    }
-
-    // The insertion strings of the one event with this id.
-    static std::vector<std::string> only_event(std::uint32_t id) {
-        const auto events = events_with_id(id);
-        EXPECT_EQ(events.size(), 1u) << "events with id " << std::hex << id;
-        return events.empty() ? std::vector<std::string>{} : events.front().strings;
     }
 };
 

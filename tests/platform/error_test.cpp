@@ -1,12 +1,16 @@
-// Last error slot and the errno mapping that every backend call relies on.
+// The last-error slot and the errno mapping that every backend call relies on.
 #include <errno.h>
 
+#include <cstdlib>
+#include <map>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "platform/os.h"
 #include "platform/os_posix_internal.h"
+#include "support/case_table.h"
 
 namespace qbsmtp::os {
 namespace {
@@ -22,32 +26,37 @@ TEST(LastError, WinsockAndWin32ShareOnePerThreadSlot) {
     EXPECT_EQ(GetLastError(), 10061u);
 }
 
-TEST(ErrnoMapping, SocketErrorsBecomeWinsockCodes) {
-    struct Row {
-        int error_number;
-        int winsock;
-    };
-    const Row rows[] = {
-        {EADDRINUSE, 10048}, {EADDRNOTAVAIL, 10049}, {ECONNREFUSED, 10061}, {ECONNRESET, 10054},
-        {ETIMEDOUT, 10060},  {EAGAIN, 10060},        {ENOTCONN, 10057},     {EPIPE, 10054},
-        {ENOTSOCK, 10038},   {EMFILE, 10024},        {EACCES, 10013},       {12345, 10022},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(posix::winsock_from_errno(row.error_number), row.winsock) << row.error_number;
+#define ERRNO(name) \
+    { #name, name }
+const std::map<std::string, int> errno_values = {
+    ERRNO(EPERM),        ERRNO(EACCES),       ERRNO(ENOENT),       ERRNO(ENOTDIR),
+    ERRNO(EISDIR),       ERRNO(EEXIST),       ERRNO(ENOSPC),       ERRNO(EDQUOT),
+    ERRNO(EMFILE),       ERRNO(ENFILE),       ERRNO(ENAMETOOLONG), ERRNO(EBADF),
+    ERRNO(ENOTSOCK),     ERRNO(ENOMEM),       ERRNO(ENOBUFS),      ERRNO(EINVAL),
+    ERRNO(EROFS),        ERRNO(ENOTEMPTY),    ERRNO(EINTR),        ERRNO(EAGAIN),
+    ERRNO(ETIMEDOUT),    ERRNO(EINPROGRESS),  ERRNO(EPIPE),        ERRNO(ECONNRESET),
+    ERRNO(ECONNREFUSED), ERRNO(ECONNABORTED), ERRNO(EADDRINUSE),   ERRNO(EADDRNOTAVAIL),
+    ERRNO(ENETDOWN),     ERRNO(ENETUNREACH),  ERRNO(EHOSTUNREACH), ERRNO(ENOTCONN),
+    ERRNO(EISCONN),      ERRNO(EAFNOSUPPORT), ERRNO(EOPNOTSUPP),
+};
+#undef ERRNO
+
+TEST(ErrnoMapping, FileAndSocketCodesOfTheTable) {
+    for (const test::Case& c : test::read_cases("platform/errno.txt", 3)) {
+        const auto known = errno_values.find(c[0]);
+        const int error_number =
+            known != errno_values.end() ? known->second : std::atoi(c[0].c_str());
+        ASSERT_NE(error_number, 0) << c.where << ": no errno named " << c[0];
+        EXPECT_EQ(posix::win32_from_errno(error_number), std::stoul(c[1])) << c.where;
+        EXPECT_EQ(posix::winsock_from_errno(error_number), std::stoi(c[2])) << c.where;
+    }
 }
 
-TEST(ErrnoMapping, FileErrorsBecomeWin32Codes) {
-    struct Row {
-        int error_number;
-        DWORD win32;
-    };
-    const Row rows[] = {
-        {ENOENT, 2},  {ENOTDIR, 3},  {EACCES, 5}, {EPERM, 5},          {EISDIR, 5},
-        {EEXIST, 80}, {ENOSPC, 112}, {EMFILE, 4}, {ENAMETOOLONG, 206}, {EBADF, 6},
-        {ENOMEM, 8},  {EAGAIN, 8},   {12345, 1},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(posix::win32_from_errno(row.error_number), row.win32) << row.error_number;
+TEST(ErrnoMapping, MissingFileOrMissingDirectoryOnTheWay) {
+    posix::set_file_error(ENOENT, "/no-such-file-here");
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    posix::set_file_error(ENOENT, "/no-such-directory-here/file");
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
 }  // namespace
