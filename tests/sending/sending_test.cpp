@@ -112,7 +112,7 @@ TEST_P(Sending, WireResultAndEvents) {
     write_file(prefix.file("services"), "smtp " + std::to_string(relay.port()) + "/tcp\n");
     write_file(prefix.file("registry.reg"),
                "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n\"HostName\"=\"" +
-                   values["host"] + "\"\n" + settings + "\n" + classes);
+                   decode(values["host"]) + "\"\n" + settings + "\n" + classes);
     process_attach(nullptr);
     if (values.count("mask")) SMTPSetLogging(std::stoul(values["mask"], nullptr, 16));
     if (!values.count("noinit")) {
@@ -136,12 +136,13 @@ TEST_P(Sending, WireResultAndEvents) {
         }
     }
 
+    const bool has_sender = values.count("sender") != 0, has_subject = values.count("subject") != 0;
     std::string sender = decode(values["sender"]), subject = decode(values["subject"]);
     std::string to_block = multi_string(to), attachment_block = multi_string(attachments);
     MailRecord record{};
-    record.sender = values.count("sender") ? sender.data() : nullptr;
+    record.sender = has_sender ? sender.data() : nullptr;
     record.sender_length = static_cast<int32_t>(sender.size());
-    record.subject = values.count("subject") ? subject.data() : nullptr;
+    record.subject = has_subject ? subject.data() : nullptr;
     record.subject_length = static_cast<int32_t>(subject.size());
     record.to = to.empty() ? nullptr : to_block.data();
     record.attachments = attachments.empty() ? nullptr : attachment_block.data();
