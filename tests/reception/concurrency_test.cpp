@@ -1,5 +1,6 @@
 // Many clients at once: every message that got its 250 is on disk exactly
-// once, and no temporary file is left behind.
+// once, and the same message delivered by many at the same moment is kept
+// once, its repeats reported against the one kept.
 
 #include <gtest/gtest.h>
 
@@ -7,55 +8,60 @@
 #include <string>
 #include <vector>
 
+#include "frame/message_catalogue.h"
 #include "support/reception_fixture.h"
 
 namespace qbsmtp::test {
 namespace {
 
-constexpr int client_count = 50;
-constexpr int messages_per_client = 20;
-
-// The text of one message, unique to its client and number.
-std::string message_text(int client, int message) {
-    return "Subject: load " + std::to_string(client) + "/" + std::to_string(message) +
-           "\r\n\r\nbody of message " + std::to_string(message) + " from client " +
-           std::to_string(client) + "\r\n..dotted line\r\n";
-}
-
 TEST(Concurrency, FiftyClientsTwentyMessagesEach) {
+    constexpr int clients = 50, messages = 20;
     ReceptionFixture module;
-    // acknowledged[c][m]: the 250 for message m of client c arrived.
-    std::vector<std::vector<char>> acknowledged(client_count,
-                                                std::vector<char>(messages_per_client, 0));
-    run_clients_together(module.port(), client_count, [&](SmtpTestClient& client, int c) {
-        client.command("HELO client" + std::to_string(c));
-        for (int m = 0; m < messages_per_client; ++m) {
-            client.command("MAIL FROM:<c" + std::to_string(c) + "@load>");
-            client.command("RCPT TO:<fax@example.test>");
-            if (client.command("DATA").substr(0, 4) != "354 ") continue;
-            client.send(message_text(c, m) + ".\r\n");
-            acknowledged[c][m] = client.read_reply() == "250 Mail accepted\r\n";
-        }
+    const auto text = [](int c, int m) {
+        return "Subject: load " + std::to_string(c) + "/" + std::to_string(m) + "\r\n\r\n..dot\r\n";
+    };
+    std::vector<int> acknowledged(clients, 0);
+    run_clients_together(module.port(), clients, [&](SmtpTestClient& client, int c) {
+        for (int m = 0; m < messages; ++m)
+            acknowledged[c] += transmit(client, text(c, m) + ".\r\n", m == 0 ? "h" : "") ==
+                               "250 Mail accepted\r\n";
         client.command("QUIT");
         client.read_to_close();  // the session has renamed its last file
     });
-
     std::map<std::string, int> on_disk;
     for (const auto& path : module.spool_files(".822"))
         ++on_disk[body_behind_trace_headers(read_whole_file(path))];
-    for (int c = 0; c < client_count; ++c) {
-        for (int m = 0; m < messages_per_client; ++m) {
-            std::string stored = message_text(c, m);
-            stored.replace(stored.find("..dotted"), 2, ".");
-            stored.resize(stored.size() - 2);  // the last line end is not stored
-            EXPECT_TRUE(acknowledged[c][m]) << c << "/" << m;
-            const auto found = on_disk.find(stored);
-            EXPECT_EQ(found == on_disk.end() ? 0 : found->second, acknowledged[c][m] ? 1 : 0)
+    for (int c = 0; c < clients; ++c) {
+        EXPECT_EQ(acknowledged[c], messages) << c;
+        for (int m = 0; m < messages; ++m)  // the dot undone, the last line end not stored
+            EXPECT_EQ(on_disk["Subject: load " + std::to_string(c) + "/" + std::to_string(m) +
+                              "\r\n\r\n.dot"],
+                      1)
                 << c << "/" << m;
-        }
     }
-    EXPECT_EQ(on_disk.size(), static_cast<std::size_t>(client_count * messages_per_client));
+    EXPECT_EQ(on_disk.size(), static_cast<std::size_t>(clients * messages));
     EXPECT_TRUE(module.spool_files(".tmp").empty());
+}
+
+TEST(Concurrency, TwentyClientsSameMessageAtOnceLeaveOneFile) {
+    constexpr int clients = 20;
+    ReceptionFixture module;
+    std::vector<std::string> replies(clients);
+    run_clients_together(module.port(), clients, [&](SmtpTestClient& client, int c) {
+        replies[c] = transmit(client, "Message-Id: <once@example.test>\r\n\r\nsame\r\n.\r\n");
+        client.command("QUIT");
+        client.read_to_close();  // the session has kept or dropped its file
+    });
+    for (const auto& reply : replies) EXPECT_EQ(reply, "250 Mail accepted\r\n");
+    const auto kept = module.spool_files(".822");
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_TRUE(module.spool_files(".tmp").empty());
+    // Every repeat names the kept file, under its temporary name.
+    std::string first = kept[0].substr(module.spool().size() + 1);
+    first.replace(first.size() - 4, 4, ".tmp");
+    const auto dropped = events_with_id(event::duplicate_dropped);
+    EXPECT_EQ(dropped.size(), clients - 1u);
+    for (const auto& event : dropped) EXPECT_EQ(event.strings.at(1), first);
 }
 
 }  // namespace

@@ -34,13 +34,14 @@ class Interop : public ::testing::Test {
     void SetUp() override {
         message_file_ = module_.prefix().file("message.eml");
         std::ofstream(message_file_, std::ios::binary) << message;
-        // Wait for the listener, so the client's first attempt succeeds.
-        module_.connect()->command("QUIT");
+        module_.connect()->command("QUIT");  // the listener answers: clients need no retry
+        module_.wait_idle();
     }
 
     // The one spool file, with its trace headers checked.
     void expect_one_message(const std::string& helo_domain, const std::string& sender,
                             const std::string& body = stored) {
+        module_.wait_idle();
         const auto files = module_.spool_files(".822");
         ASSERT_EQ(files.size(), 1u);
         EXPECT_TRUE(module_.spool_files(".tmp").empty());
@@ -87,6 +88,7 @@ TEST_F(Interop, PythonSmtplibWithEmailPolicy) {
            "    s.helo('python.example.test')\n"
            "    s.sendmail('py@example.test', ['fax@example.test'], data)\n";
     ASSERT_EQ(run("/usr/bin/python3 " + script + " " + port() + " " + expected), 0);
+    module_.wait_idle();
     const auto files = module_.spool_files(".822");
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(body_behind_trace_headers(read_whole_file(files[0])), read_whole_file(expected));

@@ -1,4 +1,4 @@
-// port_holder.cpp: ScriptedPortHolder and leave_port_in_time_wait.
+// port_holder.cpp: PortHolder, leave_port_in_time_wait and free_tcp_port.
 
 #include "support/port_holder.h"
 
@@ -8,95 +8,72 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <random>
+#include <stdexcept>
 
 namespace qbsmtp::test {
 
 namespace {
 
-constexpr int wait_seconds = 20;
-
-sockaddr_in loopback(std::uint16_t port) {
+int bound_socket(std::uint16_t port, std::uint32_t host, bool reuse) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    if (reuse) ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-bool readable(int fd, int seconds) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, seconds * 1000) == 1;
+    address.sin_addr.s_addr = htonl(host);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
+    ::close(fd);
+    return -1;
 }
 
 }  // namespace
 
-ScriptedPortHolder::ScriptedPortHolder(std::uint16_t port, Part part, std::string words)
-    : part_(part), words_(std::move(words)) {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    listening_ =
-        listen_fd_ >= 0 &&
-        ::bind(listen_fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        ::listen(listen_fd_, 1) == 0;
-    if (listening_) thread_ = std::thread([this] { run(); });
+PortHolder::PortHolder(std::uint16_t port) : fd_(bound_socket(port, INADDR_ANY, true)) {
+    bound_ = fd_ >= 0;
 }
 
-ScriptedPortHolder::~ScriptedPortHolder() {
-    if (thread_.joinable()) thread_.join();
-    if (listen_fd_ >= 0) ::close(listen_fd_);
-}
-
-std::string ScriptedPortHolder::received() {
-    if (thread_.joinable()) thread_.join();
-    return received_;
-}
-
-void ScriptedPortHolder::run() {
-    if (!readable(listen_fd_, wait_seconds)) return;
-    const int fd = ::accept(listen_fd_, nullptr, nullptr);
-    if (fd < 0) return;
-    if (part_ == Part::greet) ::send(fd, words_.data(), words_.size(), MSG_NOSIGNAL);
-    bool answered = false;
-    char buffer[512];
-    while (part_ != Part::close_at_once && readable(fd, wait_seconds)) {
-        const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-        if (got <= 0) break;
-        received_.append(buffer, static_cast<std::size_t>(got));
-        if (part_ == Part::greet && !answered && received_.find("\r\n") != std::string::npos) {
-            ::send(fd, "221 bye\r\n", 9, MSG_NOSIGNAL);
-            answered = true;
-        }
-    }
-    ::close(fd);
+PortHolder::~PortHolder() {
+    if (fd_ >= 0) ::close(fd_);
 }
 
 bool leave_port_in_time_wait(std::uint16_t port) {
-    const sockaddr_in address = loopback(port);
-    const auto* name = reinterpret_cast<const sockaddr*>(&address);
-    const int listen_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int listen_fd = bound_socket(port, INADDR_LOOPBACK, true);
     const int client_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    // As servers do: Linux lets a later SO_REUSEADDR bind share the port
-    // with a TIME_WAIT end only if the socket that left it had the option.
-    const int one = 1;
-    ::setsockopt(listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    bool done = ::bind(listen_fd, name, sizeof address) == 0 && ::listen(listen_fd, 1) == 0 &&
-                ::connect(client_fd, name, sizeof address) == 0;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool done =
+        listen_fd >= 0 && ::listen(listen_fd, 1) == 0 &&
+        ::connect(client_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     const int served_fd = done ? ::accept(listen_fd, nullptr, nullptr) : -1;
-    ::close(listen_fd);
-    if (served_fd >= 0) {
-        // The served side sends the first FIN, so its end, on the port,
-        // goes to TIME_WAIT once the client's FIN has come back.
-        ::close(served_fd);
-        char byte;
-        done = readable(client_fd, wait_seconds) && ::recv(client_fd, &byte, 1, 0) == 0;
-    } else {
-        done = false;
-    }
+    if (listen_fd >= 0) ::close(listen_fd);
+    // The served side closes first, so its end, on the port, is the one
+    // that waits once the client's close has answered.
+    if (served_fd >= 0) ::close(served_fd);
+    pollfd p{client_fd, POLLIN, 0};
+    char byte;
+    done = served_fd >= 0 && ::poll(&p, 1, 20000) == 1 && ::recv(client_fd, &byte, 1, 0) == 0;
     ::close(client_fd);
-    // Let the client's FIN and its acknowledgement cross loopback.
-    ::usleep(50 * 1000);
     return done;
+}
+
+std::uint16_t free_tcp_port() {
+    std::random_device seed;
+    std::mt19937 random(seed());
+    // Below the usual ephemeral range, so no outgoing connection holds it.
+    std::uniform_int_distribution<int> pick(20000, 32000);
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const auto port = static_cast<std::uint16_t>(pick(random));
+        const int fd = bound_socket(port, INADDR_ANY, false);
+        if (fd >= 0) {
+            ::close(fd);
+            return port;
+        }
+    }
+    throw std::runtime_error("no free port");
 }
 
 }  // namespace qbsmtp::test

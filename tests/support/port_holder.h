@@ -1,49 +1,32 @@
-// port_holder.h: another process's use of the SMTP port, played on
-// loopback for the tests of the port conflict probe.
-//
-// Plain POSIX sockets, not the module's platform layer, so the module's
-// fault seam never sees them. Every wait is bounded.
+// port_holder.h: the SMTP port held by something that does not serve it,
+// for the tests of the listener's restart cases. (A port held by a server
+// that answers is a ScriptedRelay on that port.)
 #pragma once
 
 #include <cstdint>
-#include <string>
-#include <thread>
 
 namespace qbsmtp::test {
 
-// Listens on 127.0.0.1:port, accepts one connection and plays its part.
-class ScriptedPortHolder {
+// A socket bound to a port with SO_REUSEADDR that never listens.
+class PortHolder {
   public:
-    enum class Part {
-        greet,          // sends words, answers the first line with 221, reads to close
-        silent,         // says nothing, reads to close
-        close_at_once,  // closes the connection it accepted
-    };
-
-    ScriptedPortHolder(std::uint16_t port, Part part, std::string words = {});
-    ~ScriptedPortHolder();
-    ScriptedPortHolder(const ScriptedPortHolder&) = delete;
-    ScriptedPortHolder& operator=(const ScriptedPortHolder&) = delete;
-
-    bool listening() const { return listening_; }
-    // What the peer sent, once it has closed (or the bound ran out).
-    std::string received();
+    explicit PortHolder(std::uint16_t port);
+    ~PortHolder();
+    PortHolder(const PortHolder&) = delete;
+    PortHolder& operator=(const PortHolder&) = delete;
+    bool bound() const { return bound_; }
 
   private:
-    void run();
-
-    Part part_;
-    std::string words_;
-    int listen_fd_ = -1;
-    bool listening_ = false;
-    std::thread thread_;
-    std::string received_;
+    int fd_ = -1;
+    bool bound_ = false;
 };
 
-// Leaves port on this machine in TIME_WAIT only: a connection to it on
-// loopback whose listening side closed first; nothing listens afterwards.
-// The socket had SO_REUSEADDR, as a server's has. False if that could not
-// be set up.
+// Leaves port held by the system alone: a loopback connection to it whose
+// listening side (with SO_REUSEADDR, as a server's) closed first; nothing
+// listens afterwards. False if that could not be set up.
 bool leave_port_in_time_wait(std::uint16_t port);
+
+// A TCP port on which nothing is bound now, outside the ephemeral range.
+std::uint16_t free_tcp_port();
 
 }  // namespace qbsmtp::test

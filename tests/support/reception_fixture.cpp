@@ -10,20 +10,30 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <latch>
 #include <mutex>
-#include <sstream>
 #include <thread>
-#include <vector>
 
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/smtp_session.h"
+#include "support/port_holder.h"
 
 namespace qbsmtp::test {
 
-namespace fs = std::filesystem;
+namespace {
+
+// Waits, up to seconds, for done to hold.
+bool wait_until(const std::function<bool()>& done, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+}  // namespace
 
 ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
     : port_(free_tcp_port()), spool_(prefix_.file("spool")) {
@@ -38,10 +48,12 @@ ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
 }
 
 ReceptionFixture::~ReceptionFixture() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (sessions_running.load() != 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(sessions_running.load(), 0) << "sessions still running";
+    wait_idle();
+}
+
+void ReceptionFixture::wait_idle() const {
+    EXPECT_TRUE(wait_until([] { return sessions_running.load() == 0; }, 30))
+        << "sessions still running";
 }
 
 int ReceptionFixture::start() const {
@@ -59,31 +71,18 @@ std::unique_ptr<SmtpTestClient> ReceptionFixture::connect(std::string* greeting)
 std::vector<std::string> ReceptionFixture::spool_files(std::string_view suffix) const {
     std::vector<std::string> found;
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator(spool_, error)) {
-        const std::string name = entry.path().filename().string();
-        if (entry.is_regular_file() && name.size() >= suffix.size() &&
-            name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+    for (const auto& entry : std::filesystem::directory_iterator(spool_, error))
+        if (entry.is_regular_file() && entry.path().filename().string().ends_with(suffix))
             found.push_back(entry.path().string());
-    }
     std::sort(found.begin(), found.end());
     return found;
 }
 
-std::string read_whole_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in) return {};
-    std::string bytes(static_cast<std::size_t>(in.tellg()), '\0');
-    in.seekg(0);
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-}
-
 std::string body_behind_trace_headers(const std::string& file_text) {
     const std::size_t first = file_text.find("\r\n");
-    if (first == std::string::npos) return file_text;
-    const std::size_t second = file_text.find("\r\n", first + 2);
-    if (second == std::string::npos) return file_text;
-    return file_text.substr(second + 2);
+    const std::size_t second =
+        first == std::string::npos ? first : file_text.find("\r\n", first + 2);
+    return second == std::string::npos ? file_text : file_text.substr(second + 2);
 }
 
 void run_clients_together(std::uint16_t port, int count,
@@ -95,7 +94,7 @@ void run_clients_together(std::uint16_t port, int count,
         clients.emplace_back([&, c] {
             std::unique_lock<std::mutex> one_at_a_time(dialling);
             SmtpTestClient client(port);
-            const bool greeted = client.read_reply().substr(0, 4) == "220 ";
+            const bool greeted = client.read_reply().starts_with("220 ");
             one_at_a_time.unlock();
             all_greeted.arrive_and_wait();
             if (greeted) session(client, c);
@@ -118,13 +117,15 @@ std::string transmit(SmtpTestClient& client, std::string_view text, std::string_
 }
 
 std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    for (;;) {
-        auto found = events_with_id(id);
-        if (!found.empty()) return found.front();
-        if (std::chrono::steady_clock::now() > deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    std::optional<LoggedEvent> found;
+    wait_until(
+        [&] {
+            const auto events = events_with_id(id);
+            if (!events.empty()) found = events.front();
+            return found.has_value();
+        },
+        seconds);
+    return found;
 }
 
 std::size_t count_events(std::uint32_t id) {

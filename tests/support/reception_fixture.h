@@ -28,8 +28,8 @@ class ReceptionFixture {
     // settings: further lines of .reg text for the settings key, such as
     // "\"SessionTimeout\"=dword:00000001". start: call SMTPRecvInit.
     explicit ReceptionFixture(std::string_view settings = {}, bool start = true);
-    // Waits until every session thread has ended, so that none still reads
-    // the module's texts when the process destroys them.
+    // Waits for the session threads, so that none still reads the module's
+    // texts when the process destroys them.
     ~ReceptionFixture();
     ReceptionFixture(const ReceptionFixture&) = delete;
     ReceptionFixture& operator=(const ReceptionFixture&) = delete;
@@ -39,6 +39,8 @@ class ReceptionFixture {
     const TempPrefix& prefix() const { return prefix_; }
     // SMTPRecvInit on the spool directory; its result.
     int start() const;
+    // Waits until no session thread runs (each has made its last report).
+    void wait_idle() const;
 
     // A connected client that has read the greeting (into greeting).
     std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const;
@@ -53,10 +55,11 @@ class ReceptionFixture {
     std::string spool_;
 };
 
-std::string read_whole_file(const std::string& path);
+inline std::string read_whole_file(const std::string& path) {
+    return read_file(path);
+}
 
-// The text of a message file behind its two trace header lines; the whole
-// file if it has fewer lines.
+// The text of a message file behind its two trace header lines.
 std::string body_behind_trace_headers(const std::string& file_text);
 
 // Runs HELO (unless helo is empty), MAIL, RCPT and DATA on client, then
@@ -68,16 +71,14 @@ std::string transmit(SmtpTestClient& client, std::string_view text,
 
 // Runs session(client, c) for clients 0..count-1 on threads of their own,
 // all at the same moment: the connections are opened one after the other
-// (many SYNs at once would overflow the listen backlog of 5, and a
-// handshake the kernel then completes with a SYN cookie can be dropped
-// without a word), and once every client has its greeting they all go on
-// together. A client without a 220 greeting does nothing. Returns when
+// (many SYNs at once would overflow the listen backlog of 5), and once
+// every client has its greeting they all go on together. Returns when
 // every session function has.
 void run_clients_together(std::uint16_t port, int count,
                           const std::function<void(SmtpTestClient&, int)>& session);
 
-// The first event with id, waiting for it up to seconds: reports from
-// other threads reach the log a little after the reply that follows them.
+// The first event with id, waiting for it up to seconds: the listener's
+// reports come from a thread that tells the test nothing else.
 std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds = 10);
 std::size_t count_events(std::uint32_t id);
 

@@ -1,12 +1,12 @@
-// scripted_relay.h: a scripted SMTP peer on loopback for the client tests.
+// scripted_relay.h: a scripted SMTP peer on loopback: the relay of the
+// sending tests, and whoever holds the port in the tests of the probe.
 //
-// A thread listens on 127.0.0.1 (an ephemeral port), accepts one
-// connection and plays a script: each step waits for what the client is to
-// send (nothing, one line, or the whole message up to its end marker) and
-// then answers, closes, or stays silent. Every byte received is recorded
-// (or only counted, for very large messages). It uses the OS directly, not
-// the module's platform layer, so the module's fault seam never sees it.
-// Every wait is bounded, so a broken client cannot hang a test.
+// A thread listens on 127.0.0.1, accepts one connection and plays its
+// steps: each waits until so many lines (CR LF) have come in all, then
+// sends its pieces (one send each), or closes, or goes silent, or stalls
+// (stops reading until the peer closes). It keeps every byte received up
+// to the peer's close. Plain POSIX sockets, so the module's fault seam
+// never sees them; every wait is bounded.
 #pragma once
 
 #include <atomic>
@@ -21,71 +21,39 @@ namespace qbsmtp::test {
 
 class ScriptedRelay {
   public:
-    enum class Wait { nothing, line, data_end };
-    enum class Act {
-        reply,   // send the pieces
-        close,   // close the connection
-        silent,  // answer nothing, but go on reading until the client closes
-        stall,   // stop reading too, so the client's sends back up
-    };
-
+    enum class Act { reply, close, silent, stall };
     struct Step {
-        Wait wait = Wait::line;
-        std::vector<std::string> pieces;  // the reply; pieces go out 30 ms apart
+        std::size_t lines = 0;  // lines received in all before the step
+        std::vector<std::string> pieces;
         Act act = Act::reply;
     };
 
-    // A step that waits for what `wait` says and answers with `reply`.
-    static Step answer(Wait wait, std::string reply);
-    static Step answer_in_pieces(Wait wait, std::vector<std::string> pieces);
-    static Step close_after(Wait wait);
-    static Step silent_after(Wait wait);
-    static Step stall_after(Wait wait);
-
-    // The usual conversation: greeting, HELO, MAIL, RCPT, DATA, the
-    // message, QUIT, with these codes.
-    static std::vector<Step> conversation(const std::string& rcpt_reply = "250 ok\r\n",
-                                          const std::string& end_reply = "250 queued\r\n",
-                                          const std::string& quit_reply = "221 bye\r\n");
-
-    explicit ScriptedRelay(std::vector<Step> script, bool keep_bytes = true);
+    // port 0: one the system chooses.
+    explicit ScriptedRelay(std::vector<Step> script, std::uint16_t port = 0);
     ~ScriptedRelay();
     ScriptedRelay(const ScriptedRelay&) = delete;
     ScriptedRelay& operator=(const ScriptedRelay&) = delete;
 
+    bool listening() const { return port_ != 0; }
     std::uint16_t port() const { return port_; }
-    // Waits until the peer is done (the client closed, or a bound ran out).
-    void finish();
-    // Stops waiting for a connection or for bytes, and waits for the thread.
-    void stop();
-    // All bytes received (after finish).
+    // Waits until the peer has closed (or the bound ran out); all it sent.
     std::string received();
-    std::size_t received_count();
-    // Connections accepted (0 or 1).
-    int connections() const { return connections_.load(); }
-    // The message between the DATA reply and its end marker, inclusive of
-    // the marker; empty if none arrived.
-    std::string message();
+    // Stops waiting for a connection; connections accepted (0 or 1).
+    int stop();
 
   private:
     void run();
-    bool wait_for(int fd, Wait wait);
-    bool receive_some(int fd);
+    bool receive(int fd);  // false at the peer's close, an error, the bound or a stop
 
     std::vector<Step> script_;
-    bool keep_bytes_;
     int listen_fd_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
     std::atomic<int> connections_{0};
     std::thread thread_;
     std::mutex mutex_;
-    std::string bytes_;         // received, when kept
-    std::size_t count_ = 0;     // received, always
-    std::size_t consumed_ = 0;  // end of what the script has waited for
-    std::string tail_;          // last bytes, for the end marker when bytes are not kept
-    std::size_t data_start_ = std::string::npos;
-    std::size_t data_end_ = std::string::npos;
+    std::string bytes_;
+    std::size_t lines_ = 0;
 };
 
 }  // namespace qbsmtp::test

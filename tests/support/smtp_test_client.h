@@ -13,8 +13,8 @@ namespace qbsmtp::test {
 
 class SmtpTestClient {
   public:
-    // Connects to 127.0.0.1:port, retrying while nothing listens yet (the
-    // listener binds on its own thread) for up to connect_seconds.
+    // Connects to 127.0.0.1:port; while nothing listens yet (the listener
+    // binds on its own thread) it tries again, for up to connect_seconds.
     explicit SmtpTestClient(std::uint16_t port, int connect_seconds = 10);
     ~SmtpTestClient();
     SmtpTestClient(const SmtpTestClient&) = delete;
@@ -23,17 +23,12 @@ class SmtpTestClient {
     bool connected() const { return fd_ >= 0; }
     // Sends all bytes; false when the connection refused them.
     bool send(std::string_view bytes);
-    // One complete reply, all its lines with their CR LF ("250-...", then
-    // "250 ..."); what arrived so far if the connection ended or the
-    // time-out expired first.
+    // One line with its CR LF; what came if the connection ended first.
+    std::string read_line();
+    // One complete reply, all its lines ("250-...", then "250 ...").
     std::string read_reply();
-    // Exactly count bytes, or fewer if the connection ended first.
-    std::string read_bytes(std::size_t count);
     // Everything up to the peer's close.
     std::string read_to_close();
-    // True when no byte arrives within milliseconds (the peer is silent
-    // and still connected).
-    bool silent_for(int milliseconds);
     // Sends a command line (CR LF added) and reads the reply.
     std::string command(std::string_view line);
     // Ends our sending direction; the peer's next read gives no byte.
@@ -44,27 +39,8 @@ class SmtpTestClient {
     static constexpr int read_timeout_seconds = 20;
 
   private:
-    int fill();  // one recv into pending_; bytes read, 0 at close, -1 on error
     int fd_ = -1;
     std::string pending_;  // received, not yet handed out
 };
-
-// A socket bound to a port with SO_REUSEADDR that never listens: a port
-// that something holds while nobody serves it.
-class PortHolder {
-  public:
-    explicit PortHolder(std::uint16_t port);
-    ~PortHolder();
-    PortHolder(const PortHolder&) = delete;
-    PortHolder& operator=(const PortHolder&) = delete;
-    bool bound() const { return bound_; }
-
-  private:
-    int fd_ = -1;
-    bool bound_ = false;
-};
-
-// A TCP port on which nothing is bound now, outside the ephemeral range.
-std::uint16_t free_tcp_port();
 
 }  // namespace qbsmtp::test
