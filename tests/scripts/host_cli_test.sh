@@ -3,8 +3,6 @@
 # first-run port of the default prefix.
 set -euo pipefail
 source "$(dirname "$0")/host_test_lib.sh"
-HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
-[ -x "$HOST" ] || fail "no host program at $HOST"
 
 # --- help and version ------------------------------------------------------
 "$HOST" --help | grep -q "serve" || fail "--help does not list serve"

@@ -5,8 +5,6 @@
 # port.
 set -euo pipefail
 source "$(dirname "$0")/host_test_lib.sh"
-HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
-[ -x "$HOST" ] || fail "no host program at $HOST"
 
 # --- serve: one mail in, its events, a clean stop ------------------------------
 prefix="$WORK/prefix"

@@ -6,6 +6,7 @@ PYTHON=/usr/bin/python3
 PEER="$(dirname "${BASH_SOURCE[0]}")/smtp_peer.py"
 WORK=$(mktemp -d /tmp/qbsmtp-host-test-XXXXXX)  # no dot: paths stay free of extra dots
 started_pids=()
+HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 
 cleanup() {
   local pid
@@ -19,6 +20,15 @@ trap cleanup EXIT
 fail() {
   echo "FAIL: $*" >&2
   exit 1
+}
+[ -x "$HOST" ] || fail "no host program at $HOST"
+
+# use_prefix DIR: makes DIR the prefix of every later run, with a port that
+# was free a moment ago (parse starts the listener for a moment).
+use_prefix() {
+  export QBSMTP_PREFIX=$1
+  mkdir -p "$1"
+  echo "smtp $("$PYTHON" "$PEER" free-port)/tcp" >"$1/services"
 }
 
 # wait_until SECONDS COMMAND...: polls COMMAND every 0.1 s until it succeeds.

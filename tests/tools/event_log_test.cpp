@@ -60,6 +60,19 @@ TEST_F(EventLog, StartsOverOnARotatedFile) {
     EXPECT_EQ(reader.read_new_lines(), Lines{"x"});
 }
 
+TEST_F(EventLog, HostEventsAreLinesOfTheirOwnSourceWithTheTypeOfTheirId) {
+    append("{\"n\":1}\n");
+    ASSERT_TRUE(report_host_event(path, host_event::message_failed, "x \"failed\""));
+    ASSERT_TRUE(report_host_event(path, host_event::message_deferred, "y"));
+    const Lines lines = EventLogReader(path, false).read_new_lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(event_source(lines[1]), "qbsmtp-host");
+    EXPECT_EQ(event_id(lines[1]), "0xC0010004");
+    EXPECT_EQ(event_type(lines[1]), "error");
+    EXPECT_EQ(event_type(lines[2]), "warning");
+    EXPECT_NE(format_event(lines[1]).find("  error  0xC0010004  x \"failed\""), std::string::npos);
+}
+
 TEST(EventFormat, ShowsTimeTypeIdAndTextWithoutLineEnd) {
     const std::string line =
         R"({"time":"2024-05-01T09:30:00Z","source":"QBSMTP","id":"0xC0004E95",)"

@@ -8,13 +8,10 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
-
-#include "record_json.h"
 
 namespace qbsmtp::host {
 namespace {
@@ -36,10 +33,10 @@ void* stand_in_free(void* block) {
     std::free(block);
     return nullptr;
 }
-char* copy_out(const std::string& text, std::size_t extra = 0) {
-    auto* block = static_cast<char*>(stand_in_alloc(0, text.size() + 1 + extra));
+char* copy_out(const std::string& text) {  // with a second NUL, so it is a list too
+    auto* block = static_cast<char*>(stand_in_alloc(0, text.size() + 2));
     std::memcpy(block, text.c_str(), text.size() + 1);
-    if (extra) block[text.size() + 1] = '\0';
+    block[text.size() + 1] = '\0';
     return block;
 }
 
@@ -52,15 +49,12 @@ std::int32_t stand_in_recv_next(MailRecord* record) {
     for (const auto& entry : fs::directory_iterator(stand_in_spool))
         if (entry.path().extension() == ".822") waiting.push_back(entry.path());
     if (waiting.empty()) return stand_in_result;
-    std::sort(waiting.begin(), waiting.end());
-    const std::string file = waiting.front().string();
+    const std::string file = std::min_element(waiting.begin(), waiting.end())->string();
     record->file = copy_out(file);
-    record->file_length = static_cast<std::int32_t>(file.size());
     record->sender = copy_out("from@example.org");
-    record->sender_length = 16;
-    record->to = copy_out("to@example.org", 1);
-    record->to_names = copy_out("To", 1);
-    record->attachments = copy_out(file + ".txt", 1);
+    record->to = copy_out("to@example.org");
+    record->to_names = copy_out("To");
+    record->attachments = copy_out(file + ".txt");
     return stand_in_result;
 }
 
@@ -82,82 +76,60 @@ class ReceiveRound : public ::testing::Test {
         EXPECT_TRUE(live_blocks.empty()) << "blocks left unfreed";
         EXPECT_EQ(badly_prepared_calls, 0);
     }
-    void spool(const char* name) { std::ofstream(stand_in_spool / name) << "Subject: x\r\n"; }
-    RoundResult round() { return receive_one(module, settings, out, error); }
-    std::vector<nlohmann::json> printed() {
-        std::vector<nlohmann::json> records;
-        std::istringstream lines(out.str());
-        for (std::string line; std::getline(lines, line);)
-            records.push_back(nlohmann::json::parse(line));
-        return records;
+    void spool(const std::string& name, const char* text = "Subject: x\r\n") {
+        std::ofstream(stand_in_spool / name) << text;
+    }
+    RoundResult round(bool delete_taken = false) {
+        return receive_one(module, default_subtype_rank(), print_and_dispose(out, delete_taken),
+                           error);
+    }
+    std::string first_line(const fs::path& path) {
+        std::string line;
+        std::getline(std::ifstream(path), line);
+        return line;
     }
 
     Module module;
-    ReceiveSettings settings;
     std::ostringstream out;
     std::string error;
 };
 
-TEST_F(ReceiveRound, PrintsEachMessageOnceAndKeepsItsFileInDone) {
+TEST_F(ReceiveRound, PrintsEachMessageOnceAndKeepsItsFileInDoneUnderAFreeName) {
+    fs::create_directory(stand_in_spool / "done");
+    spool("done/rx000001.822", "earlier\n");
     spool("rx000001.822");
     spool("rx000002.822");
-    EXPECT_EQ(round(), RoundResult::printed);
-    EXPECT_EQ(round(), RoundResult::printed);
+    stand_in_result = 0;  // a failed analysis is printed as not ok, and still disposed of
+    EXPECT_EQ(round(), RoundResult::taken);
+    stand_in_result = 1;
+    EXPECT_EQ(round(), RoundResult::taken);
     EXPECT_EQ(round(), RoundResult::empty);
-    const auto records = printed();
+    std::istringstream lines(out.str());
+    std::vector<nlohmann::json> records;
+    for (std::string line; std::getline(lines, line);)
+        records.push_back(nlohmann::json::parse(line));
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0]["file"], (stand_in_spool / "rx000001.822").string());
-    EXPECT_EQ(records[1]["file"], (stand_in_spool / "rx000002.822").string());
-    EXPECT_EQ(records[0]["to"][0]["name"], "To");
-    EXPECT_EQ(records[0]["ok"], true);
-    EXPECT_TRUE(fs::exists(stand_in_spool / "done" / "rx000001.822"));
+    EXPECT_EQ(records[0]["ok"], false);
+    EXPECT_EQ(records[1]["to"][0]["name"], "To");
+    EXPECT_EQ(first_line(stand_in_spool / "done" / "rx000001.822"), "earlier");
+    EXPECT_EQ(first_line(stand_in_spool / "done" / "rx000001.822.1"), "Subject: x\r");
     EXPECT_TRUE(fs::exists(stand_in_spool / "done" / "rx000002.822"));
-}
-
-TEST_F(ReceiveRound, DeleteModeRemovesTheFile) {
-    settings.delete_taken = true;
-    spool("rx000001.822");
-    EXPECT_EQ(round(), RoundResult::printed);
-    EXPECT_EQ(round(), RoundResult::empty);
-    EXPECT_FALSE(fs::exists(stand_in_spool / "rx000001.822"));
-    EXPECT_FALSE(fs::exists(stand_in_spool / "done"));
-}
-
-TEST_F(ReceiveRound, FailedAnalysisIsPrintedAsNotOkAndStillDisposed) {
     stand_in_result = 0;
-    spool("rx000001.822");
-    EXPECT_EQ(round(), RoundResult::printed);
-    EXPECT_EQ(printed().at(0)["ok"], false);
     EXPECT_EQ(round(), RoundResult::failed_empty);  // a failure without a file
 }
 
-TEST_F(ReceiveRound, AFileThatCannotBeMovedStopsTheLoop) {
-    std::ofstream(stand_in_spool / "done") << "in the way";
+TEST_F(ReceiveRound, DeleteModeRemovesTheFileAndAnImmovableFileStopsTheLoop) {
     spool("rx000001.822");
+    EXPECT_EQ(round(true), RoundResult::taken);
+    EXPECT_TRUE(fs::is_empty(stand_in_spool));
+    spool("done", "in the way");
+    spool("rx000002.822");
     EXPECT_EQ(round(), RoundResult::stuck);
     EXPECT_NE(error.find("done"), std::string::npos) << error;
-    EXPECT_TRUE(fs::exists(stand_in_spool / "rx000001.822"));
-}
-
-TEST_F(ReceiveRound, ASpoolNameSeenBeforeGetsAFreeNameInDone) {
-    fs::create_directory(stand_in_spool / "done");
-    std::ofstream(stand_in_spool / "done" / "rx000001.822") << "earlier";
-    std::ofstream(stand_in_spool / "done" / "rx000001.822.1") << "earlier still";
-    spool("rx000001.822");
-    EXPECT_EQ(round(), RoundResult::printed);
-    std::ifstream kept(stand_in_spool / "done" / "rx000001.822.2");
-    std::string first_line;
-    std::getline(kept, first_line);
-    EXPECT_EQ(first_line, "Subject: x\r");
-    std::ifstream earlier(stand_in_spool / "done" / "rx000001.822");
-    std::getline(earlier, first_line);
-    EXPECT_EQ(first_line, "earlier");
-}
-
-TEST(DisposeSpoolFile, AFileAlreadyGoneCountsAsDisposed) {
-    std::string error;
-    EXPECT_TRUE(dispose_spool_file("/tmp/qbsmtp-no-such-dir/rx000009.822", false, error));
-    EXPECT_TRUE(dispose_spool_file("/tmp/qbsmtp-no-such-dir/rx000009.822", true, error));
+    EXPECT_TRUE(fs::exists(stand_in_spool / "rx000002.822"));
+    // A file already gone counts as disposed of: the module can't take it again either.
+    EXPECT_TRUE(dispose_spool_file((stand_in_spool / "gone.822").string(), false, error));
 }
 
 }  // namespace
