@@ -11,7 +11,7 @@ HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 cleanup() {
   local pid
   for pid in "${started_pids[@]}"; do
-    kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
+    kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
   done
   rm -rf "$WORK"
 }
@@ -30,6 +30,9 @@ use_prefix() {
   mkdir -p "$1"
   echo "smtp $("$PYTHON" "$PEER" free-port)/tcp" >"$1/services"
 }
+
+# read_smtp_port: the port of the prefix's services file.
+read_smtp_port() { sed -n 's|^smtp \([0-9]*\)/tcp$|\1|p' "$QBSMTP_PREFIX/services"; }
 
 # wait_until SECONDS COMMAND...: polls COMMAND every 0.1 s until it succeeds.
 wait_until() {

@@ -117,7 +117,8 @@ long RetrySchedule::delay_after(int deferrals) const {
 
 MessageQueue::MessageQueue(const fs::path& spool, RetrySchedule schedule, fs::path event_log,
                            bool delete_done)
-    : deferred_(spool / "deferred"),
+    : done_(spool / "done"),
+      deferred_(spool / "deferred"),
       failed_(spool / "failed"),
       log_(std::move(event_log)),
       schedule_(schedule),
@@ -198,7 +199,7 @@ std::optional<std::int64_t> MessageQueue::seconds_until_due(std::int64_t now) co
 }
 
 bool MessageQueue::mark_done(const QueuedMessage& message, std::string& error) {
-    if (!dispose_spool_file(message.file.string(), delete_done_, error)) return false;
+    if (!dispose_spool_file(message.file.string(), delete_done_, error, done_)) return false;
     if (!message.sidecar.empty()) {
         std::error_code failure;
         fs::remove(message.sidecar, failure);

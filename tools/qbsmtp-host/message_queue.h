@@ -73,7 +73,7 @@ class MessageQueue {
     bool fail(const QueuedMessage& message, const std::string& reason, std::string& error);
 
   private:
-    std::filesystem::path deferred_, failed_, log_;
+    std::filesystem::path done_, deferred_, failed_, log_;
     RetrySchedule schedule_;
     bool delete_done_;
     std::map<std::filesystem::path, std::int64_t> due_;  // sidecar -> next try

@@ -10,7 +10,8 @@ namespace qbsmtp::host {
 
 namespace fs = std::filesystem;
 
-bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error) {
+bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error,
+                        const fs::path& done_directory) {
     std::error_code failure;
     const fs::path source(path);
     // Gone already (removed by hand): the module can't take it again either.
@@ -20,7 +21,7 @@ bool dispose_spool_file(const std::string& path, bool delete_taken, std::string&
         error = "cannot delete " + path + (failure ? ": " + failure.message() : "");
         return false;
     }
-    const fs::path done = source.parent_path() / "done";
+    const fs::path done = done_directory.empty() ? source.parent_path() / "done" : done_directory;
     fs::create_directories(done, failure);
     if (failure) {
         error = "cannot create " + done.string() + ": " + failure.message();

@@ -13,6 +13,7 @@
 // taking the same file. serve and parse call from one thread.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -52,9 +53,10 @@ RecordHandler print_and_dispose(std::ostream& out, bool delete_taken);
 // The JSON line of a record, invalid UTF-8 replaced.
 std::string json_line(const nlohmann::ordered_json& record);
 
-// Moves a taken spool file into the directory "done" beside it, under a
-// free name (a later message can bring the same spool name again), or
-// deletes it. False with error set if the file is still in place.
-bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error);
+// Moves a taken spool file into done_directory (default: "done" beside
+// it), under a free name (a later message can bring the same spool name
+// again), or deletes it. False with error set if the file is still in place.
+bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error,
+                        const std::filesystem::path& done_directory = {});
 
 }  // namespace qbsmtp::host
