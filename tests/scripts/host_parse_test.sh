@@ -34,17 +34,23 @@ for key, value in expected.items():
 open(sys.argv[2], "w").write(open(attachment).read())
 PY
 }
-mkdir -p "$spool"
+mkdir -p "$spool/done"
+echo earlier >"$spool/done/rx000001.822"
 alternative rx000001.822
 parse_once
 grep -q "plain version" "$WORK/kept.txt" || fail "the default preference did not keep the plain part"
-[ -f "$spool/done/rx000001.822" ] || fail "parse did not keep the spool file in done/"
+grep -q "^--b--" "$spool/done/rx000001.822.1" || fail "parse did not keep the spool file in done/ under a free name"
 alternative rx000002.822
 parse_once --prefer html --delete
 grep -q "html version" "$WORK/kept.txt" || fail "--prefer html did not keep the HTML part"
 [ ! -e "$spool/rx000002.822" ] && [ ! -e "$spool/done/rx000002.822" ] || fail "--delete left the spool file"
 timeout 30 "$HOST" parse --spool "$spool" >"$WORK/parse.out" || fail "empty parse"
 [ ! -s "$WORK/parse.out" ] || fail "an empty spool printed: $(cat "$WORK/parse.out")"
+# A file that can't be moved stops parse, which would take it again and again.
+rm -r "$spool/done" && echo "in the way" >"$spool/done" && alternative rx000003.822
+timeout 30 "$HOST" parse --spool "$spool" >"$WORK/parse.out" 2>&1 && fail "parse went on past a stuck file"
+[ "$(grep -c '"file"' "$WORK/parse.out")" -eq 1 ] && [ -f "$spool/rx000003.822" ] || fail "stuck: $(cat "$WORK/parse.out")"
+rm "$spool/done" "$spool/rx000003.822"
 
 # --- encoded words: one message a case, the text as subject and as sender name ---
 "$PYTHON" - "$QBSMTP_SOURCE_DIR/tests/data/host/encoded_words.txt" "$spool" <<'PY'

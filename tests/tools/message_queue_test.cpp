@@ -1,7 +1,6 @@
-// Tests of the bridge's queue on disk: the retry schedule, the way a
-// message goes from deferred to failed, and the repair at start of the
-// moves a stop cut in half. (What each exit status of a command leads to
-// is tested end to end by tests/scripts/host_exec_test.sh.)
+// Tests of the bridge's queue on disk: the retry schedule and the repair
+// at start of the moves a stop cut in half. (What each exit status of a
+// command leads to is tested end to end by tests/scripts/host_exec_test.sh.)
 #include "message_queue.h"
 
 #include <gtest/gtest.h>
@@ -43,41 +42,8 @@ class Queue : public ::testing::Test {
         content["record"]["file"] = (spool / name).string();
         std::ofstream(spool / (name + ".json")) << content.dump();
     }
-    MessageQueue queue(long max_seconds = 3600) {
-        RetrySchedule schedule;
-        schedule.max_seconds = max_seconds;
-        return MessageQueue(spool, schedule, spool / "events.jsonl", false);
-    }
     fs::path spool;
-    std::string error;
 };
-
-TEST_F(Queue, ADeferredMessageComesBackWhenDueAndFailsWithItsFilesOnceTooOld) {
-    MessageQueue q = queue(100);
-    QueuedMessage message{put("rx000001.822"), {}, {}, 1, 0};
-    message.record["attachments"] = {put("mime/a.txt").string()};
-    ASSERT_TRUE(q.defer(message, "exit status 75", 1000, error)) << error;
-    EXPECT_EQ(message.file, spool / "deferred/rx000001.822");
-    EXPECT_FALSE(fs::exists(spool / "rx000001.822"));
-    EXPECT_EQ(q.seconds_until_due(1000), 60);
-    EXPECT_FALSE(q.take_due(1059));
-    auto again = q.take_due(1060);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->record["file"], message.file.string());
-    EXPECT_EQ(again->first_deferred, 1000);
-    ++again->tries;
-    ASSERT_TRUE(q.defer(*again, "timed out", 1100, error)) << error;  // 100 s deferred: failed
-    EXPECT_EQ(q.deferred_count(), 0u);
-    EXPECT_TRUE(fs::is_empty(spool / "deferred"));
-    EXPECT_TRUE(fs::exists(spool / "failed/rx000001.822"));
-    EXPECT_TRUE(fs::exists(spool / "failed/rx000001.822.files/a.txt"));
-    std::ifstream kept(spool / "failed/rx000001.822.json");
-    const auto content = ordered_json::parse(kept);
-    EXPECT_EQ(content["tries"], 2);
-    EXPECT_NE(content["reason"].get<std::string>().find("timed out"), std::string::npos);
-    EXPECT_EQ(content["record"]["attachments"][0],
-              (spool / "failed/rx000001.822.files/a.txt").string());
-}
 
 TEST_F(Queue, RepairFinishesHalfDoneMovesAndDropsStaleSidecars) {
     // A deferral cut between its sidecar and its rename.
@@ -99,7 +65,7 @@ TEST_F(Queue, RepairFinishesHalfDoneMovesAndDropsStaleSidecars) {
                             (spool / "failed/rx000003.822.files/b.txt").string()})})}});
     put("deferred/rx000004.822.json.new");
 
-    MessageQueue q = queue();
+    MessageQueue q(spool, RetrySchedule{}, spool / "events.jsonl", false);
     q.repair_and_load();
     EXPECT_TRUE(fs::exists(spool / "deferred/rx000001.822"));
     EXPECT_TRUE(fs::exists(spool / "rx000002.822"));
