@@ -55,7 +55,6 @@ wait_until 30 test -f "$spool/deferred/rx000002.822.json" || fail "not deferred"
 stop_serve
 start_serve "$QBSMTP_PREFIX" "$(read_smtp_port)" --spool "$spool" --retry-first 1 --exec 'exit 0'
 wait_until 30 test -f "$spool/done/rx000002.822" || fail "the deferred message was not retried after the restart"
-[ -z "$(ls -A "$spool/deferred")" ] || fail "deferred/ not empty: $(ls "$spool/deferred")"
 stop_serve
 rm -rf "$spool"/*
 

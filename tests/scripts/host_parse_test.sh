@@ -49,8 +49,7 @@ timeout 30 "$HOST" parse --spool "$spool" >"$WORK/parse.out" || fail "empty pars
 # A file that can't be moved stops parse, which would take it again and again.
 rm -r "$spool/done" && echo "in the way" >"$spool/done" && alternative rx000003.822
 timeout 30 "$HOST" parse --spool "$spool" >"$WORK/parse.out" 2>&1 && fail "parse went on past a stuck file"
-[ "$(grep -c '"file"' "$WORK/parse.out")" -eq 1 ] && [ -f "$spool/rx000003.822" ] || fail "stuck: $(cat "$WORK/parse.out")"
-rm "$spool/done" "$spool/rx000003.822"
+[ "$(grep -c '"file"' "$WORK/parse.out")" -eq 1 ] && rm "$spool/done" "$spool/rx000003.822" || fail "stuck"
 
 # --- encoded words: one message a case, the text as subject and as sender name ---
 "$PYTHON" - "$QBSMTP_SOURCE_DIR/tests/data/host/encoded_words.txt" "$spool" <<'PY'

@@ -3,10 +3,9 @@
 # test starts in the background is stopped by its PID when the test ends.
 
 PYTHON=/usr/bin/python3
-PEER="$(dirname "${BASH_SOURCE[0]}")/smtp_peer.py"
+PEER="$(dirname "${BASH_SOURCE[0]}")/smtp_peer.py" HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 WORK=$(mktemp -d /tmp/qbsmtp-host-test-XXXXXX)  # no dot: paths stay free of extra dots
 started_pids=()
-HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 
 cleanup() {
   local pid
@@ -83,9 +82,6 @@ port_is_closed() {
   ! "$PYTHON" -c "import socket,sys; socket.create_connection(('127.0.0.1', int(sys.argv[1])), 2)" "$1" 2>/dev/null
 }
 
-# record_count: lines serve has printed so far; records_at_least N.
-record_count() { grep -c . "$WORK/serve.out" 2>/dev/null || true; }
-records_at_least() { [ "$(record_count)" -ge "$1" ]; }
 
 # make_pdf FILE: a small PDF with every byte value in a stream, so that a
 # change anywhere on the way shows.

@@ -50,7 +50,6 @@ TEST(EventFormat, ShowsTimeTypeIdAndTextWithoutLineEnd) {
         R"({"time":"2024-05-01T09:30:00Z","source":"QBSMTP","id":"0xC0004E95",)"
         R"("type":"error","strings":["x"],"text":"bind() fallito: x\r\n"})";
     EXPECT_EQ(format_event(line), "2024-05-01T09:30:00Z  error  0xC0004E95  bind() fallito: x");
-    EXPECT_EQ(format_event("{\"id\":\"0x0000000E\"}"), "?  ?  0x0000000E  ");
     for (const char* odd : {"not json", "[1,2]", "", "\"text\""}) {
         EXPECT_EQ(format_event(odd), std::string("(not an event) ") + odd);
         EXPECT_EQ(event_type(odd), "");

@@ -1,5 +1,5 @@
 // Tests of the host's record handling: the release of every block, packed
-// lists, allocation failures, and the subtype preference.
+// lists and allocation failures. (--prefer: tests/scripts/host_parse_test.sh.)
 #include "host_record.h"
 
 #include <gtest/gtest.h>
@@ -56,25 +56,6 @@ TEST(HostRecord, ReleaseFreesEveryBlockAndClearsTheRecord) {
     EXPECT_TRUE(failed);
     EXPECT_EQ(allocate_text("abc", record.file_length, tracked), nullptr);
     EXPECT_EQ(record.file_length, 0);
-}
-
-TEST(SubtypeRank, PreferenceListPutsNamedSubtypesFirstInOrder) {
-    SubtypeRank rank = default_subtype_rank();
-    std::string error;
-    EXPECT_FALSE(parse_subtype_preference("HTML,pdf,plain", rank, error));
-    EXPECT_NE(error.find("\"pdf\""), std::string::npos);
-    ASSERT_TRUE(parse_subtype_preference("html,Tiff", rank, error)) << error;
-    EXPECT_EQ(rank[QBSMTP_SUBTYPE_HTML], 0);
-    EXPECT_EQ(rank[QBSMTP_SUBTYPE_TIFF], 1);
-    // The rest keep their default order behind the named ones: plain, enriched, the others.
-    EXPECT_LT(rank[QBSMTP_SUBTYPE_TIFF], rank[QBSMTP_SUBTYPE_PLAIN]);
-    EXPECT_LT(rank[QBSMTP_SUBTYPE_PLAIN], rank[QBSMTP_SUBTYPE_ENRICHED]);
-    EXPECT_LT(rank[QBSMTP_SUBTYPE_ENRICHED], rank[QBSMTP_SUBTYPE_GIF]);
-    const SubtypeRank before = rank;
-    EXPECT_FALSE(parse_subtype_preference("plain,html,plain", rank, error));
-    EXPECT_NE(error.find("twice"), std::string::npos);
-    EXPECT_EQ(rank, before);  // a refused list changes nothing
-    EXPECT_FALSE(parse_subtype_preference("plain,,html", rank, error));
 }
 
 }  // namespace

@@ -46,12 +46,6 @@ TEST(ServicesFile, OnlyTheFirstSmtpTcpEntryCountsAndOnlyItIsReplaced) {
         EXPECT_EQ(read(services), "smtp 25/tcp\n# local\nsmtp 2626/udp\n");
     }
     EXPECT_EQ(read(services), "smtp 2525/tcp\n# local\nsmtp 2626/udp\n");  // put back
-    fs::remove(services);
-    {
-        TemporarySmtpPort port;  // no file before: none after
-        ASSERT_TRUE(port.apply(services, 2626, error)) << error;
-    }
-    EXPECT_FALSE(fs::exists(services));
     EXPECT_FALSE(fs::exists(services.string() + ".new"));
     fs::remove_all(pattern);
 }
