@@ -49,7 +49,7 @@ wait_until 60 grep -q "listening for SMTP on port $port" "$WORK/serve.err" ||
 make_pdf "$WORK/fattura.pdf"
 timeout 60 "$PYTHON" "$PEER" deliver "$port" plain "$WORK/fattura.pdf" || fail "plain delivery refused"
 timeout 60 "$PYTHON" "$PEER" deliver "$port" pdf "$WORK/fattura.pdf" || fail "PDF delivery refused"
-wait_until 60 bash -c '[ "$(grep -c . "$0")" -ge 2 ]' "$WORK/serve.out" || fail "serve printed: $(cat "$WORK/serve.out")"
+wait_until 60 records_at_least 2 || fail "serve printed $(record_count) records: $(cat "$WORK/serve.err")"
 "$PYTHON" "$PEER" check-records "$WORK/serve.out" "$WORK/fattura.pdf" || fail "records"
 kill -TERM "$serve_pid"
 wait_until 60 bash -c "! kill -0 $serve_pid 2>/dev/null" || fail "serve did not stop on SIGTERM"

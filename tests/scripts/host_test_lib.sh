@@ -83,6 +83,10 @@ port_is_closed() {
 }
 
 
+# record_count: lines serve has printed so far; records_at_least N.
+record_count() { grep -c . "$WORK/serve.out" 2>/dev/null || true; }
+records_at_least() { [ "$(record_count)" -ge "$1" ]; }
+
 # make_pdf FILE: a small PDF with every byte value in a stream, so that a
 # change anywhere on the way shows.
 make_pdf() {

@@ -46,11 +46,10 @@ std::string event_id(const std::string& line);
 // Their ids carry the severity in the top two bits, as the module's do,
 // and a range of their own (0x0001xxxx) beside the module's.
 namespace host_event {
-inline constexpr std::uint32_t reception_listening = 0x40010001u;  // port, spool
-inline constexpr std::uint32_t reception_off = 0xC0010002u;        // why
-inline constexpr std::uint32_t message_deferred = 0x80010003u;     // file, reason, next try
-inline constexpr std::uint32_t message_failed = 0xC0010004u;       // file, reason, where kept
-inline constexpr std::uint32_t queue_repaired = 0x80010005u;       // what was put right at start
+inline constexpr std::uint32_t reception_off = 0xC0010002u;     // why
+inline constexpr std::uint32_t message_deferred = 0x80010003u;  // file, reason, next try
+inline constexpr std::uint32_t message_failed = 0xC0010004u;    // file, reason, where kept
+inline constexpr std::uint32_t queue_repaired = 0x80010005u;    // what was put right at start
 }  // namespace host_event
 
 // The source name of the host's events.
