@@ -3,13 +3,11 @@
 # first-run port of the default prefix.
 set -euo pipefail
 source "$(dirname "$0")/host_test_lib.sh"
-HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
-[ -x "$HOST" ] || fail "no host program at $HOST"
 
 # --- help and version ------------------------------------------------------
 "$HOST" --help | grep -q "serve" || fail "--help does not list serve"
 "$HOST" --version | grep -Eq "^qbsmtp-host [0-9]+\.[0-9]+\.[0-9]+$" || fail "--version"
-for command in serve parse send events; do
+for command in serve parse send events check; do
   "$HOST" "$command" --help >/dev/null || fail "$command --help"
 done
 
@@ -21,6 +19,8 @@ expect_usage_error "not in range" serve --port 0
 expect_usage_error "port" serve --port twenty
 expect_usage_error "not a 32-bit mask" serve --mask 0x1FFFFFFFF
 expect_usage_error "unknown subtype" parse --prefer html,bogus
+expect_usage_error "not a duration" serve --exec true --exec-timeout 5x
+expect_usage_error "at least one second" parse --exec true --exec-timeout 0
 expect_usage_error "relay" send --to a@x.example "$WORK/file.txt"
 expect_usage_error "does not exist" send --relay 127.0.0.1 --to a@x.example "$WORK/missing.pdf"
 expect_usage_error "empty address" send --relay 127.0.0.1 --to "" "$WORK/file.txt"

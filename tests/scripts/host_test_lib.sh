@@ -3,14 +3,14 @@
 # test starts in the background is stopped by its PID when the test ends.
 
 PYTHON=/usr/bin/python3
-PEER="$(dirname "${BASH_SOURCE[0]}")/smtp_peer.py"
+PEER="$(dirname "${BASH_SOURCE[0]}")/smtp_peer.py" HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 WORK=$(mktemp -d /tmp/qbsmtp-host-test-XXXXXX)  # no dot: paths stay free of extra dots
 started_pids=()
 
 cleanup() {
   local pid
   for pid in "${started_pids[@]}"; do
-    kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
+    kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
   done
   rm -rf "$WORK"
 }
@@ -20,6 +20,18 @@ fail() {
   echo "FAIL: $*" >&2
   exit 1
 }
+[ -x "$HOST" ] || fail "no host program at $HOST"
+
+# use_prefix DIR: makes DIR the prefix of every later run, with a port that
+# was free a moment ago (parse starts the listener for a moment).
+use_prefix() {
+  export QBSMTP_PREFIX=$1
+  mkdir -p "$1"
+  echo "smtp $("$PYTHON" "$PEER" free-port)/tcp" >"$1/services"
+}
+
+# read_smtp_port: the port of the prefix's services file.
+read_smtp_port() { sed -n 's|^smtp \([0-9]*\)/tcp$|\1|p' "$QBSMTP_PREFIX/services"; }
 
 # wait_until SECONDS COMMAND...: polls COMMAND every 0.1 s until it succeeds.
 wait_until() {
@@ -69,6 +81,7 @@ stop_serve() {
 port_is_closed() {
   ! "$PYTHON" -c "import socket,sys; socket.create_connection(('127.0.0.1', int(sys.argv[1])), 2)" "$1" 2>/dev/null
 }
+
 
 # record_count: lines serve has printed so far; records_at_least N.
 record_count() { grep -c . "$WORK/serve.out" 2>/dev/null || true; }

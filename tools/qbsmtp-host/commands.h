@@ -11,12 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "bridge.h"
 #include "host_record.h"
 
 namespace qbsmtp::host {
 
 // Exit statuses beside 0 and 1 (sysexits.h values, which mail tools share).
 inline constexpr int exit_usage = 64;
+inline constexpr int exit_unavailable = 69;  // serve: reception is off
 inline constexpr int exit_temporary_failure = 75;
 
 struct ServeOptions {
@@ -27,6 +29,7 @@ struct ServeOptions {
     std::optional<int> port;
     bool delete_taken = false;
     SubtypeRank subtype_rank = default_subtype_rank();
+    std::optional<ExecSettings> exec;  // --exec: a command per record
 };
 
 struct ParseOptions {
@@ -34,6 +37,15 @@ struct ParseOptions {
     std::string spool;  // empty: <prefix>/spool
     bool delete_taken = false;
     SubtypeRank subtype_rank = default_subtype_rank();
+    std::optional<ExecSettings> exec;
+};
+
+struct CheckOptions {
+    std::string module_path;
+    std::string spool;  // empty: <prefix>/spool
+    std::string relay;  // empty: not checked
+    std::optional<int> relay_port;
+    int timeout_seconds = 10;
 };
 
 struct SendOptions {
@@ -55,5 +67,6 @@ int run_serve(const ServeOptions& options);
 int run_parse(const ParseOptions& options);
 int run_send(const SendOptions& options);
 int run_events(const EventsOptions& options);
+int run_check(const CheckOptions& options);
 
 }  // namespace qbsmtp::host

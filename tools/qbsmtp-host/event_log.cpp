@@ -1,9 +1,14 @@
 // event_log.cpp: following and formatting events.jsonl.
 #include "event_log.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <fstream>
+#include <iostream>
 #include <nlohmann/json.hpp>
 
 namespace qbsmtp::host {
@@ -73,6 +78,47 @@ std::string format_event(const std::string& line) {
 std::string event_type(const std::string& line) {
     const json event = parse_event(line);
     return event.is_discarded() ? std::string() : member(event, "type", "");
+}
+
+std::string event_source(const std::string& line) {
+    const json event = parse_event(line);
+    return event.is_discarded() ? std::string() : member(event, "source", "");
+}
+
+std::string event_id(const std::string& line) {
+    const json event = parse_event(line);
+    return event.is_discarded() ? std::string() : member(event, "id", "");
+}
+
+bool report_host_event(const std::filesystem::path& log, std::uint32_t id,
+                       const std::string& text) {
+    std::cerr << host_event_source << ": " << text << std::endl;
+    static constexpr const char* types[] = {"information", "information", "warning", "error"};
+    using namespace std::chrono;
+    const auto now = time_point_cast<milliseconds>(system_clock::now());
+    const auto day = floor<days>(now);
+    const year_month_day date{day};
+    const hh_mm_ss clock{now - day};
+    char stamp[40], id_text[16];
+    std::snprintf(
+        stamp, sizeof stamp, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+        static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+        static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+        static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
+    std::snprintf(id_text, sizeof id_text, "0x%08X", static_cast<unsigned>(id));
+    nlohmann::ordered_json event;
+    event["time"] = stamp;
+    event["source"] = host_event_source;
+    event["id"] = id_text;
+    event["type"] = types[id >> 30];
+    event["strings"] = json::array({text});
+    event["text"] = text;
+    const std::string line = event.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    const bool written = ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    ::close(fd);
+    return written;
 }
 
 }  // namespace qbsmtp::host

@@ -1,6 +1,6 @@
 // main.cpp: the command line of qbsmtp-host.
 //
-// qbsmtp-host [--module PATH] [--prefix DIR] (serve | parse | send | events)
+// qbsmtp-host [--prefix DIR] (serve | parse | send | events | check) ...
 // A malformed command line gives a usage message on stderr and the exit
 // status 64 (EX_USAGE); --help and --version give 0.
 #include <CLI/CLI.hpp>
@@ -57,6 +57,62 @@ void add_module_option(CLI::App& command, std::string& module_path) {
 
 const CLI::Range port_range(1, 65535);
 
+// A duration: seconds, or a number with s, m, h or d.
+long parse_duration(const std::string& option, const std::string& text) {
+    std::size_t used = 0;
+    long value = -1;
+    try {
+        value = std::stol(text, &used);
+    } catch (const std::exception&) {
+    }
+    static constexpr struct {
+        char unit;
+        long seconds;
+    } units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+    long scale = used == text.size() ? 1 : 0;
+    for (const auto& unit : units)
+        if (used + 1 == text.size() && text[used] == unit.unit) scale = unit.seconds;
+    if (value < 0 || scale == 0 || value > 100L * 365 * 86400 / scale)
+        throw CLI::ValidationError(option, "not a duration (N, Ns, Nm, Nh or Nd): " + text);
+    return value * scale;
+}
+
+// --exec and what goes with it, for serve and parse.
+struct ExecOptions {
+    std::string command, timeout = "10m", retry_max = "5d";
+    long retry_first = 60;
+};
+
+void add_exec_options(CLI::App& command, ExecOptions& exec) {
+    command
+        .add_option("--exec", exec.command,
+                    "Run CMD (through /bin/sh -c) for each message, with its record as JSON "
+                    "on stdin: exit 0 done, 75 try again later, any other failed")
+        ->type_name("CMD");
+    command
+        .add_option("--exec-timeout", exec.timeout,
+                    "A run of CMD longer than this counts as exit 75 (default 10m)")
+        ->type_name("DURATION");
+    command
+        .add_option("--retry-max", exec.retry_max,
+                    "How long a message may stay deferred before it fails (default 5d)")
+        ->type_name("DURATION");
+    // The first retry delay, in seconds, for tests; it doubles up to an hour.
+    command.add_option("--retry-first", exec.retry_first)->check(CLI::Range(1, 3600))->group("");
+}
+
+std::optional<ExecSettings> exec_settings(const ExecOptions& exec) {
+    if (exec.command.empty()) return std::nullopt;
+    ExecSettings settings;
+    settings.command = exec.command;
+    settings.timeout_seconds = parse_duration("--exec-timeout", exec.timeout);
+    if (settings.timeout_seconds == 0)
+        throw CLI::ValidationError("--exec-timeout", "must be at least one second");
+    settings.schedule.first_seconds = exec.retry_first;
+    settings.schedule.max_seconds = parse_duration("--retry-max", exec.retry_max);
+    return settings;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -88,6 +144,8 @@ int main(int argc, char** argv) {
     serve_command->add_flag("--delete", serve.delete_taken,
                             "Delete each spool file once printed (default: move it to done/)");
     add_prefer_option(*serve_command, serve.subtype_rank);
+    ExecOptions serve_exec;
+    add_exec_options(*serve_command, serve_exec);
 
     ParseOptions parse;
     auto* parse_command = app.add_subcommand(
@@ -98,6 +156,8 @@ int main(int argc, char** argv) {
     parse_command->add_flag("--delete", parse.delete_taken,
                             "Delete each spool file once printed (default: move it to done/)");
     add_prefer_option(*parse_command, parse.subtype_rank);
+    ExecOptions parse_exec;
+    add_exec_options(*parse_command, parse_exec);
 
     SendOptions send;
     auto* send_command =
@@ -129,12 +189,30 @@ int main(int argc, char** argv) {
     auto* events_command = app.add_subcommand("events", "Print the module's event log");
     events_command->add_flag("--follow,-f", events.follow, "Keep printing new events");
 
+    CheckOptions check;
+    auto* check_command = app.add_subcommand(
+        "check", "Check the settings, the port, the spool directory and the relay, one line each");
+    add_module_option(*check_command, check.module_path);
+    check_command->add_option("--spool", check.spool, "Spool directory (default <prefix>/spool)")
+        ->type_name("DIR");
+    check_command->add_option("--relay", check.relay, "Also check that this relay answers")
+        ->type_name("HOST");
+    check_command
+        ->add_option("--relay-port", check.relay_port, "The relay's port (default: smtp's)")
+        ->check(port_range);
+    check_command
+        ->add_option("--timeout", check.timeout_seconds, "Seconds to wait for the relay's greeting")
+        ->check(CLI::Range(1, 600))
+        ->capture_default_str();
+
     try {
         app.parse(argc, argv);
         if (!serve_mask.empty()) {
             const std::string error = parse_mask(serve_mask, serve.mask);
             if (!error.empty()) throw CLI::ValidationError("--mask", error);
         }
+        serve.exec = exec_settings(serve_exec);
+        parse.exec = exec_settings(parse_exec);
     } catch (const CLI::ParseError& e) {
         const int status = app.exit(e);
         return status == 0 ? 0 : exit_usage;
@@ -145,5 +223,6 @@ int main(int argc, char** argv) {
     if (*serve_command) return run_serve(serve);
     if (*parse_command) return run_parse(parse);
     if (*send_command) return run_send(send);
+    if (*check_command) return run_check(check);
     return run_events(events);
 }

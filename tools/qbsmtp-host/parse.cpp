@@ -5,10 +5,13 @@
 // also starts its listener. parse stops reception right after it started,
 // so the listener closes its port the first time it looks at the stop flag
 // and never accepts a message; the process ends without waiting for it.
+#include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <string>
 
+#include "bridge.h"
 #include "commands.h"
 #include "module_loader.h"
 #include "platform_prefix.h"
@@ -36,13 +39,36 @@ int run_parse(const ParseOptions& options) {
     }
     module.recv_stop();
 
-    const ReceiveSettings settings{options.subtype_rank, options.delete_taken};
+    const std::int64_t pass_start = std::chrono::duration_cast<std::chrono::seconds>(
+                                        std::chrono::system_clock::now().time_since_epoch())
+                                        .count();
+    std::unique_ptr<Bridge> bridge;
+    RecordHandler handle = print_and_dispose(std::cout, options.delete_taken);
+    if (options.exec) {
+        bridge =
+            std::make_unique<Bridge>(spool, *options.exec, prefix.events(), options.delete_taken);
+        bridge->start();
+        handle = bridge->handler();
+    }
     for (;;) {
-        switch (receive_one(module, settings, std::cout, error)) {
-            case RoundResult::printed:
+        switch (receive_one(module, options.subtype_rank, handle, error)) {
+            case RoundResult::taken:
                 if (wait_for_stop_signal(0)) return 1;
                 continue;
+            case RoundResult::stopped:
+                return 1;
             case RoundResult::empty:
+                // Then the deferred messages whose time had come when the
+                // pass began, each once.
+                while (bridge) {
+                    const RoundResult retried = bridge->retry_due(error, pass_start);
+                    if (retried == RoundResult::empty) break;
+                    if (retried == RoundResult::stuck) {
+                        std::cerr << "qbsmtp-host: " << error << '\n';
+                        return 1;
+                    }
+                    if (retried == RoundResult::stopped || wait_for_stop_signal(0)) return 1;
+                }
                 return 0;
             case RoundResult::failed_empty:
                 std::cerr << "qbsmtp-host: SMTPRecvNext failed without taking a message\n";

@@ -10,7 +10,8 @@ namespace qbsmtp::host {
 
 namespace fs = std::filesystem;
 
-bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error) {
+bool dispose_spool_file(const std::string& path, bool delete_taken, std::string& error,
+                        const fs::path& done_directory) {
     std::error_code failure;
     const fs::path source(path);
     // Gone already (removed by hand): the module can't take it again either.
@@ -20,7 +21,7 @@ bool dispose_spool_file(const std::string& path, bool delete_taken, std::string&
         error = "cannot delete " + path + (failure ? ": " + failure.message() : "");
         return false;
     }
-    const fs::path done = source.parent_path() / "done";
+    const fs::path done = done_directory.empty() ? source.parent_path() / "done" : done_directory;
     fs::create_directories(done, failure);
     if (failure) {
         error = "cannot create " + done.string() + ": " + failure.message();
@@ -37,23 +38,41 @@ bool dispose_spool_file(const std::string& path, bool delete_taken, std::string&
     return true;
 }
 
-RoundResult receive_one(const Module& module, const ReceiveSettings& settings, std::ostream& out,
-                        std::string& error) {
+std::string json_line(const nlohmann::ordered_json& record) {
+    return record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+RecordHandler print_and_dispose(std::ostream& out, bool delete_taken) {
+    return [&out, delete_taken](const std::string& spool_file, nlohmann::ordered_json record,
+                                std::string& error) {
+        out << json_line(record) << '\n' << std::flush;
+        return dispose_spool_file(spool_file, delete_taken, error) ? Disposal::disposed
+                                                                   : Disposal::stuck;
+    };
+}
+
+RoundResult receive_one(const Module& module, const SubtypeRank& subtype_rank,
+                        const RecordHandler& handle, std::string& error) {
     const Allocator allocator{module.local_alloc, module.local_free};
     MailRecord record;
-    prepare_for_receive(record, settings.subtype_rank.data());
+    prepare_for_receive(record, subtype_rank.data());
     const bool ok = module.recv_next(&record) == 1;
     if (record.file == nullptr || *record.file == '\0') {
         release_record(record, allocator);
         return ok ? RoundResult::empty : RoundResult::failed_empty;
     }
+    nlohmann::ordered_json json = record_to_json(record, ok);
     const std::string taken = record.file;
-    out << record_to_json(record, ok).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-        << '\n'
-        << std::flush;
     release_record(record, allocator);
-    return dispose_spool_file(taken, settings.delete_taken, error) ? RoundResult::printed
-                                                                   : RoundResult::stuck;
+    switch (handle(taken, std::move(json), error)) {
+        case Disposal::disposed:
+            return RoundResult::taken;
+        case Disposal::stopped:
+            return RoundResult::stopped;
+        case Disposal::stuck:
+            break;
+    }
+    return RoundResult::stuck;
 }
 
 }  // namespace qbsmtp::host

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "header_text.h"
 #include "host_record.h"
 
 namespace qbsmtp::host {
@@ -75,6 +76,12 @@ ordered_json text_field(const char* text) {
     return text_to_utf8(text);
 }
 
+// A subject or name as a person reads it; null like text_field.
+ordered_json header_field(const char* text) {
+    if (text == nullptr || *text == '\0') return nullptr;
+    return decode_header_text(text);
+}
+
 // Pairs an address list with its name list; a name missing at the end of
 // a shorter name list is null.
 ordered_json address_list(const char* addresses, const char* names) {
@@ -83,9 +90,10 @@ ordered_json address_list(const char* addresses, const char* names) {
     ordered_json list = ordered_json::array();
     for (std::size_t i = 0; i < address_entries.size(); ++i) {
         ordered_json entry;
+        const char* name = i < name_entries.size() ? name_entries[i].c_str() : nullptr;
         entry["address"] = text_to_utf8(address_entries[i]);
-        entry["name"] = i < name_entries.size() ? ordered_json(text_to_utf8(name_entries[i]))
-                                                : ordered_json(nullptr);
+        entry["name"] = header_field(name);
+        entry["name_raw"] = text_field(name);
         list.push_back(std::move(entry));
     }
     return list;
@@ -132,13 +140,15 @@ ordered_json record_to_json(const MailRecord& record, bool ok) {
     ordered_json json;
     json["file"] = text_field(record.file);
     json["sender"] = text_field(record.sender);
-    json["sender_name"] = text_field(record.sender_name);
+    json["sender_name"] = header_field(record.sender_name);
+    json["sender_name_raw"] = text_field(record.sender_name);
     const auto date = filetime_to_iso(record.date);
     json["date"] = date ? ordered_json(*date) : ordered_json(nullptr);
     json["to"] = address_list(record.to, record.to_names);
     json["cc"] = address_list(record.cc, record.cc_names);
     json["bcc"] = address_list(record.bcc, record.bcc_names);
-    json["subject"] = text_field(record.subject);
+    json["subject"] = header_field(record.subject);
+    json["subject_raw"] = text_field(record.subject);
     ordered_json attachments = ordered_json::array();
     for (const auto& path : list_entries(record.attachments))
         attachments.push_back(text_to_utf8(path));

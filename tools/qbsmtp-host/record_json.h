@@ -1,14 +1,17 @@
 // record_json.h: a MailRecord as one JSON object, the host's output format.
 //
-// Fields, in this order: file, sender, sender_name, date, to, cc, bcc,
-// subject, attachments, ok. A text the message did not give is null;
-// date is ISO-8601 UTC ("2024-05-01T09:30:00Z") or null when zero; to, cc
-// and bcc are arrays of {"address", "name"} pairing each list with its
-// name list; attachments is an array of paths; ok is the call's result.
+// Fields, in this order: file, sender, sender_name, sender_name_raw, date,
+// to, cc, bcc, subject, subject_raw, attachments, ok. A text the message
+// did not give is null; date is ISO-8601 UTC ("2024-05-01T09:30:00Z") or
+// null when zero; to, cc and bcc are arrays of {"address", "name",
+// "name_raw"} pairing each list with its name list; attachments is an
+// array of paths; ok is the call's result.
 //
 // The module stores mail bytes as they came, in whatever 8-bit character
 // set the mail used. JSON wants UTF-8, so a text that is valid UTF-8 goes
-// out as it is and any other is read as code page 1252.
+// out as it is and any other is read as code page 1252. Subjects and names
+// also have their encoded words decoded (header_text.h); the fields with
+// _raw hold the module's text with only the UTF-8 conversion.
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -1,6 +1,9 @@
-// serve.cpp: the gateway as a service. Starts reception, polls
-// SMTPRecvNext, prints each record as a JSON line on stdout, and echoes
-// the module's warnings and errors to stderr as they are logged.
+// serve.cpp: the gateway as a service. Starts reception, waits until the
+// module's listener has really opened the port (or has given up: exit 69,
+// EX_UNAVAILABLE, so that a service manager tries again), polls
+// SMTPRecvNext, prints each record as a JSON line on stdout or hands it to
+// the --exec command (bridge.h), and echoes the module's warnings and
+// errors to stderr as they are logged.
 //
 // Stopping: SMTPRecvStop only sets a flag that the listener looks at when
 // accept next returns, so after it the host makes one loopback connection
@@ -17,10 +20,14 @@
 #include <iostream>
 #include <string>
 
+#include <memory>
+
+#include "bridge.h"
 #include "commands.h"
 #include "event_log.h"
 #include "module_loader.h"
 #include "platform_prefix.h"
+#include "port_owner.h"
 #include "receive_loop.h"
 #include "stop_signals.h"
 
@@ -70,11 +77,40 @@ bool settle_port(const Prefix& prefix, const std::optional<int>& port) {
     return false;
 }
 
-void echo_alarming_events(EventLogReader& events) {
+// How often serve looks whether the listener has opened the port yet.
+constexpr int listener_look_ms = 20;
+
+// The module's events that mean its listener has ended for good: socket,
+// setsockopt, bind and listen failures, and another server on the port.
+constexpr const char* listener_failures[] = {"0xC0004E91", "0xC0004E92", "0xC0004E95", "0xC0004E96",
+                                             "0xC00027D9"};
+
+// Echoes the module's warnings and errors (the host says its own itself);
+// gives the text of the last listener failure among them, if any.
+std::string echo_alarming_events(EventLogReader& events) {
+    std::string listener_failure;
     for (const auto& line : events.read_new_lines()) {
         const std::string type = event_type(line);
-        if (type == "error" || type == "warning")
-            std::cerr << "qbsmtp-host: event: " << format_event(line) << '\n';
+        if ((type != "error" && type != "warning") || event_source(line) == host_event_source)
+            continue;
+        std::cerr << "qbsmtp-host: event: " << format_event(line) << '\n';
+        for (const char* id : listener_failures)
+            if (event_id(line) == id) listener_failure = format_event(line);
+    }
+    return listener_failure;
+}
+
+enum class Reception { listening, off, stopped };
+
+// Waits until this process listens on the port, the module reports that
+// its listener ended, or a stop signal. A listener failure reported while
+// a socket of ours listens came from another process of the same prefix.
+Reception wait_for_listener(int port, EventLogReader& events, std::string& why) {
+    for (;;) {
+        if (this_process_listens(port)) return Reception::listening;
+        why = echo_alarming_events(events);
+        if (!why.empty() && !this_process_listens(port)) return Reception::off;
+        if (wait_for_stop_signal(listener_look_ms)) return Reception::stopped;
     }
 }
 
@@ -105,16 +141,42 @@ int run_serve(const ServeOptions& options) {
                   << ") failed; the event log says why (qbsmtp-host events)\n";
         return 1;
     }
+    std::string why;
+    switch (wait_for_listener(port, events, why)) {
+        case Reception::listening:
+            break;
+        case Reception::stopped:
+            std::cerr << "qbsmtp-host: stopped before the port was open" << std::endl;
+            return 0;
+        case Reception::off:
+            report_host_event(
+                prefix.events(), host_event::reception_off,
+                "reception is off, the module gave up port " + std::to_string(port) + ": " + why);
+            return exit_unavailable;
+    }
     std::cerr << "qbsmtp-host: listening for SMTP on port " << port
               << " (all IPv4 addresses); spool " << spool.string() << "; events "
               << prefix.events().string() << "; module " << module.path << std::endl;
 
-    ReceiveSettings settings{options.subtype_rank, options.delete_taken};
+    std::unique_ptr<Bridge> bridge;
+    RecordHandler handle = print_and_dispose(std::cout, options.delete_taken);
+    if (options.exec) {
+        bridge =
+            std::make_unique<Bridge>(spool, *options.exec, prefix.events(), options.delete_taken);
+        bridge->start();
+        handle = bridge->handler();
+    }
     bool warned_failed_empty = false;
     int status = 0;
     for (;;) {
-        const RoundResult result = receive_one(module, settings, std::cout, error);
+        RoundResult result = receive_one(module, options.subtype_rank, handle, error);
+        // One deferred message whose time has come, beside each new one.
+        if (bridge && result != RoundResult::stuck && result != RoundResult::stopped) {
+            const RoundResult retried = bridge->retry_due(error);
+            if (retried != RoundResult::empty) result = retried;
+        }
         echo_alarming_events(events);
+        if (result == RoundResult::stopped) break;
         if (result == RoundResult::stuck) {
             std::cerr << "qbsmtp-host: " << error << "; stopping, since the module would take "
                       << "the same file again\n";
@@ -126,7 +188,8 @@ int run_serve(const ServeOptions& options) {
             warned_failed_empty = true;
         }
         // A taken message may have others behind it: look again at once.
-        const int wait = result == RoundResult::printed ? 0 : options.interval_ms;
+        int wait = result == RoundResult::taken ? 0 : options.interval_ms;
+        if (bridge) wait = bridge->wait_milliseconds(wait);
         if (wait_for_stop_signal(wait)) break;
     }
     module.recv_stop();
