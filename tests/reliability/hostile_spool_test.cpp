@@ -4,21 +4,12 @@
 // directory (nothing else in the spool tree or the working directory
 // changes), every listed file exists, the fields behind the hostile part are
 // still read, and (without a sanitizer) the peak resident size stays bounded.
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "process_probe.h"
-#include "qbsmtp/qbsmtp.h"
-#include "support/reception_fixture.h"
+#include "reliability.h"
 
 namespace qbsmtp::test {
 namespace {
@@ -56,13 +47,10 @@ std::vector<HostileCase> load_cases() {
     return cases;
 }
 
-std::string unescape(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char next = text[i] == '\\' && i + 1 < text.size() ? text[++i] : '\0';
-        out += next == 'r' ? '\r' : next == 'n' ? '\n' : next != '\0' ? next : text[i];
-    }
-    return out;
+std::string replace_all(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
 }
 
 // The spool file of a case of size n: the trace lines, then its steps.
@@ -70,47 +58,28 @@ void write_case(const HostileCase& c, std::size_t n, std::ostream& out) {
     out << "Return-Path: <hostile@sender.example>\r\n"
            "Received: from a by b with SMTP ; 23 Nov 2026 08:00:00 +0000\r\n";
     for (const std::string& step : c.steps) {
-        const std::string verb = step.substr(0, 4), text = unescape(step.substr(5));
+        const std::string verb = step.substr(0, 4),
+                          text = replace_all(step.substr(5), "\\r\\n", "\r\n");
         if (verb == "text") {
             out << text;
-        } else if (verb == "fill") {
-            const std::string block(1u << 20, text[0]);
-            for (std::size_t left = n, part; left > 0; left -= part)
-                out.write(block.data(),
-                          static_cast<std::streamsize>(part = std::min(left, block.size())));
         } else if (verb == "each" || verb == "back") {
-            for (std::size_t k = 0; k < n; ++k) {
-                std::string item = text;
-                const std::string i = std::to_string(verb == "each" ? k : n - 1 - k);
-                for (std::size_t at; (at = item.find("{i}")) != std::string::npos;)
-                    item.replace(at, 3, i);
-                out << item;
-            }
-        } else if (verb == "junk") {
-            std::size_t seed_length = 0;
-            std::mt19937 random(static_cast<unsigned>(std::stoul(text, &seed_length)));
-            const std::string tail = text.substr(std::min(seed_length + 1, text.size()));
-            std::string block(1u << 16, '\0');
+            for (std::size_t k = 0; k < n; ++k)
+                out << replace_all(text, "{i}", std::to_string(verb == "each" ? k : n - 1 - k));
+        } else if (verb == "fill" || verb == "junk") {
+            std::size_t seed_length = 0;  // junk: the seed, then the tail
+            std::mt19937 random(verb == "junk" ? std::stoul(text, &seed_length) : 0);
+            const std::string tail =
+                verb == "junk" ? text.substr(std::min(seed_length + 1, text.size())) : "";
+            std::string block(1u << 16, text[0]);
             for (std::size_t done = 0; done < n; done += block.size()) {
-                for (char& byte : block) byte = static_cast<char>(random());
+                if (verb == "junk")
+                    for (char& byte : block) byte = static_cast<char>(random());
                 out << block << tail;
             }
         } else {
             ADD_FAILURE() << "no such step: " << step;
         }
     }
-}
-
-// Path and size of every file under root, to find what a call changed.
-std::map<std::string, std::uintmax_t> tree(const std::string& root) {
-    std::map<std::string, std::uintmax_t> files;
-    for (const auto& entry : fs::recursive_directory_iterator(root))
-        files[entry.path().string()] = entry.is_regular_file() ? entry.file_size() : 0;
-    return files;
-}
-
-bool under(const std::string& path, const std::string& directory) {
-    return path.rfind(directory + "/", 0) == 0;
 }
 
 class HostileSpool : public ::testing::TestWithParam<HostileCase> {};
@@ -129,9 +98,9 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
         write_case(c, light_run ? c.light : c.full, out);
         ASSERT_TRUE(out.flush()) << "could not write " << file;
     }
+    const auto size = fs::file_size(file);
     const fs::path old_directory = fs::current_path();
     fs::current_path(spool + "/cwd");  // a relative path would show here
-    const auto before = tree(spool);
     const long peak_before = peak_resident_kib();
     MailRecord record{};
     const int result = SMTPRecvNext(&record);
@@ -145,19 +114,16 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
     if (!c.subject.empty()) {
         EXPECT_STREQ(record.subject, c.subject.c_str());
     }
-
-    // Nothing changed outside mime_dir; everything new is under it.
-    const auto after = tree(spool);
-    for (const auto& [path, size] : before) {
-        const auto found = after.find(path);
-        EXPECT_TRUE(under(path, mime) || (found != after.end() && found->second == size)) << path;
+    // The spool file stays as it was; all else the call wrote is under mime_dir.
+    EXPECT_EQ(fs::file_size(file), size);
+    for (const auto& entry : fs::recursive_directory_iterator(spool)) {
+        const std::string path = entry.path().string();
+        EXPECT_TRUE(path.rfind(mime, 0) == 0 || path == file || path == spool + "/cwd") << path;
     }
-    for (const auto& entry : after)
-        EXPECT_TRUE(before.count(entry.first) || under(entry.first, mime)) << entry.first;
     long listed = 0;
     for (const char* p = record.attachments; p != nullptr && *p != '\0';
          p += std::strlen(p) + 1, ++listed)
-        EXPECT_TRUE(under(p, mime) && after.count(p)) << p << " listed, not under mime_dir";
+        EXPECT_TRUE(std::string(p).rfind(mime + "/", 0) == 0 && fs::exists(p)) << p << " listed";
     EXPECT_GE(listed, c.files);
 
     // The record lists one path per file, so it grows with the parts; the

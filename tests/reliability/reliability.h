@@ -1,21 +1,25 @@
-// process_probe.h: what the reliability tests measure of their own process
-// (descriptors, resident sizes, session threads) and how heavy a run may be.
+// reliability.h: what the reliability tests share: the headers they use and
+// what they measure of their own process (descriptors, resident sizes,
+// session threads), and how heavy a run may be.
 //
 // Sanitizers slow the code several times and the 32-bit suite may run under
 // qemu-i386, so those runs are lighter. Resident sizes there count shadow
 // memory or the emulator's own, so memory bounds are checked only without.
 #pragma once
 
-#include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
-#include <string>
+#include <map>
+#include <random>
 #include <thread>
 
+#include "qbsmtp/qbsmtp.h"
 #include "reception/smtp_session.h"
+#include "support/reception_fixture.h"
 
 namespace qbsmtp::test {
 
@@ -26,30 +30,9 @@ inline constexpr bool resident_size_meaningful = true;
 #endif
 inline constexpr bool light_run = !resident_size_meaningful || sizeof(void*) == 4;
 
-// The descriptors the process holds now: the count tells a leak, the list
-// ("N -> target" lines) says what leaked.
-struct Descriptors {
-    int count = 0;
-    std::string list;
-};
-inline Descriptors descriptors() {
-    Descriptors held;
-    if (DIR* directory = ::opendir("/proc/self/fd")) {
-        const int own = ::dirfd(directory);
-        while (const dirent* entry = ::readdir(directory)) {
-            if (entry->d_name[0] == '.' || std::stoi(entry->d_name) == own) continue;
-            char target[512] = {};
-            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-            const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);
-            held.list +=
-                entry->d_name +
-                (" -> " + std::string(target, length > 0 ? static_cast<std::size_t>(length) : 0u)) +
-                "\n";
-            ++held.count;
-        }
-        ::closedir(directory);
-    }
-    return held;
+// The descriptors the process holds now (one of them the listing's own).
+inline long open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // Waits for every session thread to end: each ends within its time-out of
