@@ -14,16 +14,14 @@ cmake --install "$QBSMTP_BUILD_DIR" --prefix "$root" >"$WORK/install.log" ||
   fail "cmake --install: $(cat "$WORK/install.log")"
 HOST="$root/bin/qbsmtp-host"
 module=$(find "$root" -name QBSMTP.so -path '*/qbsmtp/*')
-[ -x "$HOST" ] || fail "no installed qbsmtp-host"
-[ -n "$module" ] || fail "no installed QBSMTP.so"
-[ -f "$root/include/qbsmtp/qbsmtp.h" ] || fail "no installed header"
 unit=$(find "$root" -path '*/systemd/system/qbsmtp.service')
-[ -n "$unit" ] || fail "no installed systemd unit"
+pc=$(find "$root" -name qbsmtp.pc)
+for file in "$HOST" "$module" "$root/include/qbsmtp/qbsmtp.h" "$unit" "$pc"; do
+  [ -f "$file" ] || fail "not installed: the host, the module, the header, the unit or qbsmtp.pc"
+done
 grep -qx "ExecStart=$root/bin/qbsmtp-host serve" "$unit" || fail "unit runs $(grep ExecStart "$unit")"
 
 # pkg-config names the installed module, wherever the tree was put.
-pc=$(find "$root" -name qbsmtp.pc)
-[ -n "$pc" ] || fail "no qbsmtp.pc"
 if command -v pkg-config >/dev/null; then
   pc_module=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --variable=module qbsmtp)
   [ "$(realpath "$pc_module")" = "$(realpath "$module")" ] || fail "pkg-config module: $pc_module"
@@ -37,11 +35,9 @@ fi
 cp -r "$QBSMTP_SOURCE_DIR/tests/data/scripts/consumer" "$WORK/consumer"
 # A module built with sanitizers loads only into a program built with them.
 sanitize=$(sed -n 's/^QBSMTP_SANITIZE:[A-Z]*=//p' "$QBSMTP_BUILD_DIR/CMakeCache.txt")
-case "$sanitize" in
-  address) flags="-fsanitize=address,undefined" ;;
-  thread) flags="-fsanitize=thread" ;;
-  *) flags="" ;;
-esac
+flags=""
+[ "$sanitize" != address ] || flags="-fsanitize=address,undefined"
+[ "$sanitize" != thread ] || flags="-fsanitize=thread"
 (cd "$WORK/consumer" && cmake -S . -B build -G Ninja -DCMAKE_PREFIX_PATH="$root" \
   -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$WORK/consumer.log" 2>&1 &&
   cmake --build build >>"$WORK/consumer.log" 2>&1) || fail "find_package consumer: $(cat "$WORK/consumer.log")"

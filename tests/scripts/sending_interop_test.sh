@@ -11,47 +11,42 @@ sink_pid=
 trap '[[ -z $sink_pid ]] || kill "$sink_pid"; rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
-# A text body with dots, blank lines, bytes above 127 and a long line; binary
-# attachments around the 54-byte blocks of base64; a type only the registry knows.
+# From tests/data/scripts/interop: a text body with dots, blank lines, bytes
+# above 127 and a long line, an empty file, a text attachment, and a registry
+# that knows the type .qbtype. Made here: binary attachments around the
+# 54-byte blocks of base64.
 files=$work/files
-mkdir -p "$files" "$work/sink" "$work/prefix"
-{
-  printf 'Dear reader,\r\n\r\n.a line that starts with a dot\r\n.\r\n..\r\nCaff\xe8 and \xff bytes\r\n'
-  head -c 900 /dev/zero | tr '\0' x
-  printf '\r\nlast line without end'
-} >"$files/body.txt"
+cp -r "$QBSMTP_SOURCE_DIR/tests/data/scripts/interop" "$files"
+mkdir -p "$work/sink" "$work/prefix"
+mv "$files/registry.reg" "$work/prefix"
 head -c 100000 /dev/urandom >"$files/scan.tif"
 head -c 55 /dev/urandom >"$files/doc.pdf"
-: >"$files/empty.dcx"
 head -c 5401 /dev/urandom >"$files/data.qbtype"
-printf 'notes\n.dot\n' >"$files/notes.txt"
 attachments=("$files/scan.tif" "$files/doc.pdf" "$files/empty.dcx" "$files/data.qbtype" "$files/notes.txt")
-printf 'REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\r\n"HostName"="gw.test"\r\n"SendTimeout"=dword:0000000a\r\n\r\n[HKEY_CLASSES_ROOT\\.qbtype]\r\n"Content Type"="application/x-qb-test"\r\n' >"$work/prefix/registry.reg"
 
 # The sink prints its port once it listens.
 exec 3< <(exec "$python" "$peer" sink "$work/sink")
 sink_pid=$!
 read -r -t 20 port <&3 || fail "aiosmtpd did not start"
 
-# send RECIPIENT...: the message to all of them (one RCPT, joined by ","); sets status.
+# send --to RECIPIENT...: the message (all recipients in one RCPT, joined by
+# ","); sets status.
 send() {
-  local to=()
-  for r in "$@"; do to+=(--to "$r"); done
   status=0
   QBSMTP_PREFIX=$work/prefix timeout 60 "$QBSMTP_BUILD_DIR/qbsmtp-host" send --relay 127.0.0.1 \
-    --port "$port" --from fax@gw.test "${to[@]}" --subject 'Interop 1' "$files/body.txt" \
+    --port "$port" --from fax@gw.test "$@" --subject 'Interop 1' "$files/body.txt" \
     "${attachments[@]}" >"$work/send.out" 2>&1 || status=$?
 }
 
 # The sink has saved the message before its 250, so it is there once send returns.
-send one@example.test
+send --to one@example.test
 [[ $status == 0 ]] || fail "send exited $status: $(cat "$work/send.out")"
 [[ $(cat "$work/sink/001.env") == $'fax@gw.test\none@example.test' ]] || fail "envelope $(cat "$work/sink/001.env")"
 "$python" "$peer" check-delivered "$work/sink/001.eml" fax@gw.test one@example.test 'Interop 1' \
   "$files/body.txt" "${attachments[@]}"
 
 # aiosmtpd checks a path's syntax and refuses the joined one (553): failed for now.
-send one@example.test two@example.test
+send --to one@example.test --to two@example.test
 [[ $status == 75 ]] || fail "joined recipients gave exit $status, not 75: $(cat "$work/send.out")"
 [[ ! -e $work/sink/002.env ]] || fail "a refused message arrived"
 echo "ok: delivered to aiosmtpd"

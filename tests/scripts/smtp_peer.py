@@ -23,6 +23,7 @@
 import asyncio
 import email
 import email.policy
+import itertools
 import json
 import os
 import smtplib
@@ -34,13 +35,8 @@ TIMEOUT = 20
 DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "scripts")
 
 
-def fail(message):
-    sys.exit("smtp_peer: " + message)
-
-
 def expect(condition, message):
-    if not condition:
-        fail(message)
+    condition or sys.exit("smtp_peer: " + message)
 
 
 def read(path):
@@ -55,25 +51,21 @@ def free_port():
 
 
 def deliver(port, kind, pdf_file):
+    plain = kind == "plain"
     message = EmailMessage()
     message["From"] = "Anna Rossi <anna@example.org>"
     message["Date"] = "Wed, 01 May 2024 09:30:00 +0200"
-    if kind == "plain":
-        message["To"] = "bob@example.org"
-        message["Subject"] = "Prova semplice"
-        message.set_content("Una riga di testo.\n")
-        recipients = ["bob@example.org"]
-    else:
-        message["To"] = "Ufficio Fax <12345/office@fax.example>"
+    message["To"] = "bob@example.org" if plain else "Ufficio Fax <12345/office@fax.example>"
+    message["Subject"] = "SUBJECT"  # set below: the library would encode it in UTF-8
+    message.set_content("Una riga di testo.\n" if plain else "La fattura in allegato.\n")
+    if not plain:
         message["Cc"] = "carla@example.org"
-        message["Subject"] = "SUBJECT"  # set below: the library would encode it in UTF-8
-        message.set_content("La fattura in allegato.\n")
         message.add_attachment(read(pdf_file), maintype="application", subtype="pdf",
                                filename="fattura.pdf")
-        recipients = ["12345/office@fax.example", "carla@example.org"]
     # CR LF line ends, as SMTP wants them: sendmail sends bytes unchanged.
-    data = message.as_bytes(policy=message.policy.clone(linesep="\r\n"))
-    data = data.replace(b"Subject: SUBJECT", b"Subject: =?iso-8859-1?q?Fattura_caff=E8?=")
+    data = message.as_bytes(policy=message.policy.clone(linesep="\r\n")).replace(
+        b"Subject: SUBJECT", b"Subject: " + (b"Prova semplice" if plain else b"=?iso-8859-1?q?Fattura_caff=E8?="))
+    recipients = ["bob@example.org"] if plain else ["12345/office@fax.example", "carla@example.org"]
     with smtplib.SMTP("127.0.0.1", int(port), timeout=TIMEOUT) as client:
         refused = client.sendmail("anna@example.org", recipients, data)
         expect(not refused, "recipients refused: %r" % refused)
@@ -113,32 +105,26 @@ def relay(mode, port_file, transcript_file):
 def sink(directory):
     from aiosmtpd.smtp import SMTP
 
-    class Save:
-        count = 0
+    numbers = itertools.count(1)
 
+    class Save:
         async def handle_DATA(self, server, session, envelope):
-            Save.count += 1
-            stem = os.path.join(directory, "%03d" % Save.count)
+            stem = os.path.join(directory, "%03d" % next(numbers))
             with open(stem + ".env", "w") as f:
                 f.write("\n".join([envelope.mail_from] + envelope.rcpt_tos) + "\n")
             with open(stem + ".eml", "wb") as f:
                 f.write(envelope.original_content)
             return "250 OK saved"
 
-    async def serve():
-        server = await asyncio.get_running_loop().create_server(lambda: SMTP(Save()),
-                                                                "127.0.0.1", 0)
-        print(server.sockets[0].getsockname()[1], flush=True)
-        await server.serve_forever()
-
-    asyncio.run(serve())
+    loop = asyncio.new_event_loop()
+    server = loop.run_until_complete(loop.create_server(lambda: SMTP(Save()), "127.0.0.1", 0))
+    print(server.sockets[0].getsockname()[1], flush=True)
+    loop.run_forever()
 
 
 def check_records(records_file, pdf_file):
-    with open(os.path.join(DATA, "delivered_records.json")) as f:
-        expected = json.load(f)["records"]
-    with open(records_file) as f:
-        records = [json.loads(line) for line in f if line.strip()]
+    expected = json.loads(read(os.path.join(DATA, "delivered_records.json")))["records"]
+    records = [json.loads(line) for line in read(records_file).splitlines() if line.strip()]
     expect(sorted(r["subject"] for r in records) == sorted(expected), "records: %r" % records)
     for record in records:
         want = dict(expected[record["subject"]], subject=record["subject"])
@@ -157,8 +143,8 @@ def check_records(records_file, pdf_file):
 
 def check_transcript(transcript_file, pdf_file):
     transcript = read(transcript_file)
-    expect(b"MAIL FROM:<anna@example.org>\r\n" in transcript, "MAIL FROM missing")
-    expect(b"RCPT TO:<out@example.net>\r\n" in transcript, "RCPT TO missing")
+    for line in b"MAIL FROM:<anna@example.org>\r\n", b"RCPT TO:<out@example.net>\r\n":
+        expect(line in transcript, "no %r" % line)
     expect(transcript.endswith(b"QUIT\r\n"), "no QUIT at the end")
     start = transcript.index(b"DATA\r\n") + len(b"DATA\r\n")
     message = email.message_from_bytes(transcript[start:transcript.index(b"\r\n.\r\n", start)],
