@@ -21,7 +21,7 @@ namespace {
 
 constexpr int session_timeout = 60;
 const int client_count = light_run ? 100 : 200;
-const std::size_t largest = light_run ? 1u << 20 : 5u << 20;
+const double largest = light_run ? 1 << 20 : 5 << 20;
 
 // The kinds of line (without its CR LF) a text is made of: '*' stands for
 // 1 to 60 random bytes (printable, high or NUL; never a dot, CR or LF), '#'
@@ -101,7 +101,8 @@ TEST(Load, TwoHundredClientsWithDropsLoseNothingAndLeakNothing) {
             const std::size_t size =
                 m == 1 && !drops ? random() % 4096
                 : c % 50 == 1    ? 0
-                                 : std::min<std::size_t>(c % 40 ? spread : largest, largest);
+                                 : static_cast<std::size_t>(
+                                    std::min(c % 40 ? spread : largest, largest) * run_scale);
             message.wire = wire_text(random, size, message.sender);
             if (m == 1 && drops)  // anywhere before the end marker's last byte
                 message.cut = random() % (message.wire.size() - 1);

@@ -8,9 +8,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -47,17 +47,17 @@ inline bool wait_for_no_sessions(int session_timeout_seconds) {
     return true;
 }
 
-// Resident size now (VmRSS) and at its peak, in KiB.
-inline long resident_kib() {
+// Resident size in KiB: now ("VmRSS:"), or at its peak so far ("VmHWM:").
+inline long resident_kib(const std::string& field = "VmRSS:") {
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+        if (line.rfind(field, 0) == 0) return std::stol(line.substr(field.size()));
     return -1;
 }
-inline long peak_resident_kib() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
+
+// QBSMTP_RELIABILITY_SCALE multiplies the sizes of a run, for longer runs by hand.
+inline const double run_scale = std::getenv("QBSMTP_RELIABILITY_SCALE")
+                                    ? std::atof(std::getenv("QBSMTP_RELIABILITY_SCALE"))
+                                    : 1.0;
 
 }  // namespace qbsmtp::test
