@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Decoded files of generated MIME messages equal what Python's email
-# package decodes from the same spool files (see mime_roundtrip.py).
+# The files qbsmtp-host parse makes of generated MIME messages equal what
+# Python's email package decodes from the same spool files (mime_roundtrip.py).
 set -euo pipefail
-driver="$QBSMTP_BUILD_DIR/tests/spool_parse_driver"
-work=$(mktemp -d)
+work=$(mktemp -d /tmp/qbsmtp-mime-XXXXXX)
 trap 'rm -rf "$work"' EXIT
-/usr/bin/python3 "$QBSMTP_SOURCE_DIR/tests/scripts/mime_roundtrip.py" "$driver" "$work" 16
+/usr/bin/python3 "$QBSMTP_SOURCE_DIR/tests/scripts/mime_roundtrip.py" "$QBSMTP_BUILD_DIR/qbsmtp-host" "$work" 16

@@ -1,24 +1,29 @@
 #!/usr/bin/python3
-"""Loopback SMTP peers for the host's script tests.
-
-  smtp_peer.py free-port
-      prints a TCP port on 127.0.0.1 that was free a moment ago
-  smtp_peer.py deliver PORT plain|pdf PDF_FILE
-      delivers one test message with smtplib
-  smtp_peer.py relay MODE PORT_FILE TRANSCRIPT
-      a one-shot scripted relay: writes its port to PORT_FILE, serves one
-      connection and writes what it received to TRANSCRIPT. MODE ok replies
-      220/250/250/250/354/250/221, tempfail greets with 421, garbage greets
-      with a line no SMTP server sends.
-  smtp_peer.py check-records RECORDS_FILE PDF_FILE
-      checks the two JSON records serve printed for the two deliveries
-  smtp_peer.py check-transcript TRANSCRIPT PDF_FILE
-      checks the message the relay received
-
-Every socket has a time-out, so no step can hang a test.
-"""
+# smtp_peer.py: loopback SMTP peers and checks for the script tests.
+#
+#   free-port                         a TCP port on 127.0.0.1 that was free a moment ago
+#   deliver PORT plain|pdf PDF_FILE   delivers one test message with smtplib
+#   relay MODE PORT_FILE TRANSCRIPT   a one-shot scripted relay: writes its port to PORT_FILE,
+#                                     serves one connection and writes what it received to
+#                                     TRANSCRIPT. MODE ok replies 220/250/250/250/354/250/221,
+#                                     tempfail greets with 421, garbage with a line no SMTP
+#                                     server sends.
+#   sink DIR                          an aiosmtpd server until stopped: prints its port once it
+#                                     listens; saves each message as DIR/NNN.eml (dots undone)
+#                                     and its envelope as NNN.env (MAIL FROM, then each RCPT TO)
+#                                     before its 250
+#   check-records RECORDS PDF_FILE    the JSON records serve printed for the two deliveries,
+#                                     against tests/data/scripts/delivered_records.json; prints
+#                                     the files of the PDF message, one a line
+#   check-transcript TRANSCRIPT PDF_FILE   the message the relay received
+#   check-delivered MESSAGE SENDER TO SUBJECT TEXT [FILE...]   a message sent from the text
+#                                     body TEXT and attachments FILE: every part byte for byte
+#
+# Every socket has a time-out, so no step can hang a test.
+import asyncio
 import email
 import email.policy
+import itertools
 import json
 import os
 import smtplib
@@ -27,14 +32,16 @@ import sys
 from email.message import EmailMessage
 
 TIMEOUT = 20
-PLAIN_SUBJECT = "Prova semplice"
-PDF_SUBJECT_RAW = "=?iso-8859-1?q?Fattura_caff=E8?="
-PDF_SUBJECT = "Fattura caff\u00e8"
+DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "scripts")
 
 
-def fail(message):
-    print("smtp_peer: " + message, file=sys.stderr)
-    sys.exit(1)
+def expect(condition, message):
+    condition or sys.exit("smtp_peer: " + message)
+
+
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
 
 
 def free_port():
@@ -44,155 +51,131 @@ def free_port():
 
 
 def deliver(port, kind, pdf_file):
+    plain = kind == "plain"
     message = EmailMessage()
     message["From"] = "Anna Rossi <anna@example.org>"
     message["Date"] = "Wed, 01 May 2024 09:30:00 +0200"
-    if kind == "plain":
-        message["To"] = "bob@example.org"
-        message["Subject"] = PLAIN_SUBJECT
-        message.set_content("Una riga di testo.\n")
-        recipients = ["bob@example.org"]
-    else:
-        message["To"] = "Ufficio Fax <12345/office@fax.example>"
+    message["To"] = "bob@example.org" if plain else "Ufficio Fax <12345/office@fax.example>"
+    message["Subject"] = "SUBJECT"  # set below: the library would encode it in UTF-8
+    message.set_content("Una riga di testo.\n" if plain else "La fattura in allegato.\n")
+    if not plain:
         message["Cc"] = "carla@example.org"
-        message["Subject"] = "SUBJECT-PLACEHOLDER"  # the library would re-encode it in UTF-8
-        message.set_content("La fattura in allegato.\n")
-        with open(pdf_file, "rb") as f:
-            message.add_attachment(f.read(), maintype="application", subtype="pdf",
-                                   filename="fattura.pdf")
-        recipients = ["12345/office@fax.example", "carla@example.org"]
+        message.add_attachment(read(pdf_file), maintype="application", subtype="pdf",
+                               filename="fattura.pdf")
     # CR LF line ends, as SMTP wants them: sendmail sends bytes unchanged.
-    data = message.as_bytes(policy=message.policy.clone(linesep="\r\n"))
-    data = data.replace(b"SUBJECT-PLACEHOLDER", PDF_SUBJECT_RAW.encode())
+    data = message.as_bytes(policy=message.policy.clone(linesep="\r\n")).replace(
+        b"Subject: SUBJECT", b"Subject: " + (b"Prova semplice" if plain else b"=?iso-8859-1?q?Fattura_caff=E8?="))
+    recipients = ["bob@example.org"] if plain else ["12345/office@fax.example", "carla@example.org"]
     with smtplib.SMTP("127.0.0.1", int(port), timeout=TIMEOUT) as client:
         refused = client.sendmail("anna@example.org", recipients, data)
-        if refused:
-            fail("recipients refused: %r" % refused)
+        expect(not refused, "recipients refused: %r" % refused)
 
 
 def relay(mode, port_file, transcript_file):
-    listener = socket.socket()
+    listener = socket.create_server(("127.0.0.1", 0))
     listener.settimeout(TIMEOUT)
-    listener.bind(("127.0.0.1", 0))
-    listener.listen(1)
     with open(port_file + ".new", "w") as f:
         f.write("%d\n" % listener.getsockname()[1])
     os.rename(port_file + ".new", port_file)
     connection, _ = listener.accept()
     connection.settimeout(TIMEOUT)
-    received = bytearray()
-    greeting = {"ok": b"220 relay ready\r\n", "tempfail": b"421 busy, try later\r\n",
-                "garbage": b"hello there\r\n"}[mode]
-    connection.sendall(greeting)
-    buffer = b""
+    connection.sendall({"ok": b"220 relay ready\r\n", "tempfail": b"421 busy, try later\r\n",
+                        "garbage": b"hello there\r\n"}[mode])
+    received = pending = b""
     in_data = False
-    done = False
-    while not done:
-        chunk = connection.recv(65536)
-        if not chunk:
-            break
+    while chunk := connection.recv(65536):
         received += chunk
-        if mode != "ok":
-            continue  # the client is to give up on its own
-        buffer += chunk
-        while not done:
-            if in_data:
-                end = buffer.find(b"\r\n.\r\n")
-                if end < 0:
-                    break
-                buffer = buffer[end + 5:]
-                in_data = False
-                connection.sendall(b"250 queued\r\n")
-                continue
-            if b"\r\n" not in buffer:
+        pending += chunk
+        while mode == "ok":  # else the client is to give up on its own
+            end = pending.find(b"\r\n.\r\n" if in_data else b"\r\n")
+            if end < 0:
                 break
-            line, buffer = buffer.split(b"\r\n", 1)
-            verb = line[:4].upper()
-            if verb == b"DATA":
-                connection.sendall(b"354 go ahead\r\n")
-                in_data = True
-            elif verb == b"QUIT":
-                connection.sendall(b"221 bye\r\n")
-                done = True
-            else:
-                connection.sendall(b"250 ok\r\n")
+            line, pending = pending[:end], pending[end + (5 if in_data else 2):]
+            verb = b"" if in_data else line[:4].upper()
+            in_data = verb == b"DATA"
+            connection.sendall({b"DATA": b"354 go ahead\r\n", b"QUIT": b"221 bye\r\n"}.get(
+                verb, b"250 queued\r\n" if not verb else b"250 ok\r\n"))
+        if received.endswith(b"QUIT\r\n"):
+            break
     connection.close()
-    listener.close()
     with open(transcript_file, "wb") as f:
         f.write(received)
 
 
-def expect(condition, message):
-    if not condition:
-        fail(message)
+def sink(directory):
+    from aiosmtpd.smtp import SMTP
+
+    numbers = itertools.count(1)
+
+    class Save:
+        async def handle_DATA(self, server, session, envelope):
+            stem = os.path.join(directory, "%03d" % next(numbers))
+            with open(stem + ".env", "w") as f:
+                f.write("\n".join([envelope.mail_from] + envelope.rcpt_tos) + "\n")
+            with open(stem + ".eml", "wb") as f:
+                f.write(envelope.original_content)
+            return "250 OK saved"
+
+    loop = asyncio.new_event_loop()
+    server = loop.run_until_complete(loop.create_server(lambda: SMTP(Save()), "127.0.0.1", 0))
+    print(server.sockets[0].getsockname()[1], flush=True)
+    loop.run_forever()
 
 
 def check_records(records_file, pdf_file):
-    with open(records_file) as f:
-        records = [json.loads(line) for line in f if line.strip()]
-    expect(len(records) == 2, "expected 2 records, got %d" % len(records))
-    by_subject = {r["subject"]: r for r in records}
-    expect(set(by_subject) == {PLAIN_SUBJECT, PDF_SUBJECT}, "subjects: %r" % list(by_subject))
-    keys = ["file", "sender", "sender_name", "sender_name_raw", "date", "to", "cc", "bcc",
-            "subject", "subject_raw", "attachments", "ok"]
+    expected = json.loads(read(os.path.join(DATA, "delivered_records.json")))["records"]
+    records = [json.loads(line) for line in read(records_file).splitlines() if line.strip()]
+    expect(sorted(r["subject"] for r in records) == sorted(expected), "records: %r" % records)
     for record in records:
-        expect(list(record) == keys, "fields: %r" % list(record))
-        expect(record["ok"] is True, "ok: %r" % record)
+        want = dict(expected[record["subject"]], subject=record["subject"])
+        files = want.pop("files")
         expect(record["file"].endswith(".822"), "file: %r" % record["file"])
-        expect(record["sender"] == "anna@example.org", "sender: %r" % record["sender"])
-        expect(record["sender_name"] == "Anna Rossi", "sender_name: %r" % record["sender_name"])
-        expect(record["date"] == "2024-05-01T07:30:00Z", "date: %r" % record["date"])
-        expect(record["bcc"] == [], "bcc: %r" % record["bcc"])
-        for path in record["attachments"]:
-            expect(os.path.isfile(path), "attachment file missing: " + path)
-
-    for record in records:  # the module's own names here carry no encoded words
-        for entry in record["to"] + record["cc"]:
-            expect(entry.pop("name_raw") == entry["name"], "name_raw: %r" % entry)
-    plain = by_subject[PLAIN_SUBJECT]
-    # An ordinary recipient loses its domain; the name keeps the address.
-    expect(plain["to"] == [{"address": "bob", "name": "bob@example.org"}], "to: %r" % plain["to"])
-    expect(plain["cc"] == [], "cc: %r" % plain["cc"])
-    expect(len(plain["attachments"]) == 1, "plain attachments: %r" % plain["attachments"])
-    with open(plain["attachments"][0], "rb") as f:
-        expect(b"Una riga di testo." in f.read(), "plain text body not in its file")
-
-    pdf = by_subject[PDF_SUBJECT]
-    expect(pdf["to"] == [{"address": "12345@office", "name": "Ufficio Fax"}], "to: %r" % pdf["to"])
-    expect(pdf["cc"] == [{"address": "carla", "name": "carla@example.org"}], "cc: %r" % pdf["cc"])
-    expect(len(pdf["attachments"]) == 2, "pdf attachments: %r" % pdf["attachments"])
-    contents = []
-    for path in pdf["attachments"]:
-        with open(path, "rb") as f:
-            contents.append(f.read())
-    with open(pdf_file, "rb") as f:
-        original = f.read()
-    expect(b"La fattura in allegato." in contents[0], "text part is not the first file")
-    expect(contents[1] == original, "the PDF file differs from the one sent")
-    print(json.dumps(pdf["attachments"]))
+        got = {key: record[key] for key in record if key not in ("file", "attachments")}
+        expect(got == want, "record %r, expected %r" % (got, want))
+        contents = [read(path) for path in record["attachments"]]
+        expect(len(contents) == len(files), "files: %r" % record["attachments"])
+        for content, file in zip(contents, files):
+            expect(content == read(pdf_file) if file == "PDF" else file.encode() in content,
+                   "a file differs from %r" % file)
+        if "PDF" in files:
+            print("\n".join(record["attachments"]))
 
 
 def check_transcript(transcript_file, pdf_file):
-    with open(transcript_file, "rb") as f:
-        transcript = f.read()
-    expect(b"MAIL FROM:<anna@example.org>\r\n" in transcript, "MAIL FROM missing")
-    expect(b"RCPT TO:<out@example.net>\r\n" in transcript, "RCPT TO missing")
+    transcript = read(transcript_file)
+    for line in b"MAIL FROM:<anna@example.org>\r\n", b"RCPT TO:<out@example.net>\r\n":
+        expect(line in transcript, "no %r" % line)
     expect(transcript.endswith(b"QUIT\r\n"), "no QUIT at the end")
     start = transcript.index(b"DATA\r\n") + len(b"DATA\r\n")
-    end = transcript.index(b"\r\n.\r\n", start)
-    message = email.message_from_bytes(transcript[start:end], policy=email.policy.default)
+    message = email.message_from_bytes(transcript[start:transcript.index(b"\r\n.\r\n", start)],
+                                       policy=email.policy.default)
     expect(message["Subject"] == "Back out", "Subject: %r" % message["Subject"])
-    pdfs = [part for part in message.walk() if part.get_content_type() == "application/pdf"]
+    pdfs = [p for p in message.walk() if p.get_content_type() == "application/pdf"]
     expect(len(pdfs) == 1, "expected one application/pdf part, got %d" % len(pdfs))
-    with open(pdf_file, "rb") as f:
-        expect(pdfs[0].get_payload(decode=True) == f.read(), "PDF sent differs from the original")
+    expect(pdfs[0].get_payload(decode=True) == read(pdf_file), "the PDF sent differs")
 
 
-def main():
-    command, arguments = sys.argv[1], sys.argv[2:]
-    {"free-port": free_port, "deliver": deliver, "relay": relay,
-     "check-records": check_records, "check-transcript": check_transcript}[command](*arguments)
+def check_delivered(message_file, sender, recipients, subject, text_file, *files):
+    message = email.message_from_bytes(read(message_file), policy=email.policy.compat32)
+    expect(not message.defects, "message defects: %r" % message.defects)
+    for name, value in (("From", sender), ("To", recipients), ("Subject", subject)):
+        expect(message[name] == value, "%s is %r, not %r" % (name, message[name], value))
+    expect(message.get_content_type() == "multipart/mixed", message.get_content_type())
+    parts = message.get_payload()
+    expect(len(parts) == 1 + len(files), "%d parts for %d files" % (len(parts), len(files)))
+    first = (parts[0].get_content_type(), parts[0].get_param("name"))
+    expect(first == ("text/plain", "message body"), "first part: %r" % (first,))
+    lines = lambda data: data.replace(b"\r\n", b"\n")  # a 7bit text may change its line ends
+    expect(lines(parts[0].get_payload(decode=True)) == lines(read(text_file)), "text body differs")
+    for part, path in zip(parts[1:], files):
+        name = os.path.basename(path)
+        expect(part.get_filename() == name, "part %r where %r was sent" % (part.get_filename(), name))
+        same = lines if part["Content-Transfer-Encoding"] == "7bit" else lambda data: data
+        expect(same(part.get_payload(decode=True)) == same(read(path)), name + " differs")
+    print("ok: %s, %d attachments" % (message_file, len(files)))
 
 
 if __name__ == "__main__":
-    main()
+    {"free-port": free_port, "deliver": deliver, "relay": relay, "sink": sink,
+     "check-records": check_records, "check-transcript": check_transcript,
+     "check-delivered": check_delivered}[sys.argv[1]](*sys.argv[2:])

@@ -49,6 +49,12 @@ void SmtpTestClient::close() {
     fd_ = -1;
 }
 
+void SmtpTestClient::reset() {
+    const linger hard{1, 0};
+    if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    close();
+}
+
 bool SmtpTestClient::send(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);

@@ -34,6 +34,8 @@ class SmtpTestClient {
     // Ends our sending direction; the peer's next read gives no byte.
     void shutdown_write();
     void close();
+    // Ends the connection with a reset instead of an orderly close.
+    void reset();
 
     // Seconds a read waits before it gives up.
     static constexpr int read_timeout_seconds = 20;
