@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -95,6 +96,12 @@ std::string SmtpTestClient::read_to_close() {
     std::string bytes;
     for (std::string line; !(line = read_line()).empty();) bytes += line;
     return bytes;
+}
+
+bool SmtpTestClient::silent_for(int milliseconds) {
+    if (!pending_.empty()) return false;
+    pollfd watch{fd_, POLLIN, 0};
+    return ::poll(&watch, 1, milliseconds) == 0;
 }
 
 std::string SmtpTestClient::command(std::string_view line) {

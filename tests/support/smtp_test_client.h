@@ -29,6 +29,8 @@ class SmtpTestClient {
     std::string read_reply();
     // Everything up to the peer's close.
     std::string read_to_close();
+    // True when nothing (no byte, no close) arrives within the time.
+    bool silent_for(int milliseconds);
     // Sends a command line (CR LF added) and reads the reply.
     std::string command(std::string_view line);
     // Ends our sending direction; the peer's next read gives no byte.
