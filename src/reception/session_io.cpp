@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "reception/ascii.h"
+#include "frame/ascii.h"
 
 namespace qbsmtp {
 

@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 #include "frame/stream.h"
 #include "platform/os.h"
 

@@ -1,6 +1,6 @@
 // Tests of MultiString's byte layouts and block capacities, and of the
 // helpers that write the record's fields.
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 
 #include <gtest/gtest.h>
 

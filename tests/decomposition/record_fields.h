@@ -7,7 +7,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 #include "platform/os.h"
 #include "qbsmtp/qbsmtp.h"
 
