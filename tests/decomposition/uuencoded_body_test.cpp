@@ -371,6 +371,7 @@ TEST_F(UuencodedBody, TextFileThatCannotBeWrittenEndsTheSplit) {
     const Strings files = attachments();
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(read_file(files[0]), "\r\n");
+    EXPECT_EQ(only_event(event::uuencode_text_write_failed).at(0), files[0]);
 }
 
 TEST_F(UuencodedBody, ExtensionThatCannotMakeANameIsAFailedCreation) {

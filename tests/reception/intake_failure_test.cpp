@@ -165,7 +165,14 @@ TEST(IntakeFailure, FailedRenameLeavesTheTemporaryFileAfterThe250) {
         EXPECT_EQ(client->command("NOOP"), "250 Quillbox SMTP OK\r\n");
     }
     EXPECT_TRUE(module.spool_files(".822").empty());
-    EXPECT_EQ(module.spool_files(".tmp").size(), 1u);
+    const auto left = module.spool_files(".tmp");
+    ASSERT_EQ(left.size(), 1u);
+    // The 250 stands; the file that nobody will pick up is told.
+    const auto event = wait_for_event(event::spool_rename_failed);
+    ASSERT_TRUE(event.has_value());
+    ASSERT_GE(event->strings.size(), 2u);
+    EXPECT_EQ(event->strings[0], left[0]);
+    EXPECT_EQ(event->strings[1], left[0].substr(0, left[0].size() - 4) + ".822");
 }
 
 // The spool file is synced before its 250 and the rename to .822 after it
@@ -199,6 +206,8 @@ TEST_P(SpoolSync, BeforeAndAfterThe250) {
     EXPECT_EQ(module.spool_files(".822").size(), c.kept);
     EXPECT_TRUE(module.spool_files(".tmp").empty());
     EXPECT_EQ(os::fault_calls(os::Op::FlushFileBuffers), c.syncs);
+    // A late sync leaves the file under its final name: nothing is lost.
+    EXPECT_EQ(count_events(event::spool_rename_failed), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
