@@ -93,7 +93,7 @@ enum class Phase { connect, greeting, command, data_initiation, data_block, data
 std::uint32_t phase_timeout(Phase phase);
 // Sets the receive and send time-outs of the connection for phase; a
 // failure raises 0xC0004E92 and throws failed_for_now. The commands and
-// read_reply set none themselves, so the probe can keep a bound of its own.
+// read_reply set none themselves: the conversation sets each phase's bound.
 void set_phase_timeout(SmtpClient& client, Phase phase);
 
 }  // namespace qbsmtp
