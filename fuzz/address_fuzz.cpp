@@ -21,8 +21,8 @@
 #include "decomposition/address_fields.h"
 #include "decomposition/field_handlers.h"
 #include "decomposition/header_scanner.h"
-#include "decomposition/multi_string.h"
 #include "decomposition/parse_context.h"
+#include "frame/multi_string.h"
 #include "frame/stream.h"
 #include "platform/os.h"
 

@@ -18,7 +18,7 @@
 #include "decomposition/field_handlers.h"
 #include "decomposition/header_scanner.h"
 #include "decomposition/mail_record.h"
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 
 namespace qbsmtp {
 

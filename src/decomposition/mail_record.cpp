@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 #include "platform/os.h"
 
 namespace qbsmtp {

@@ -8,7 +8,7 @@
 // the extension, in the case the database keeps them.
 #pragma once
 
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 
 namespace qbsmtp {
 

@@ -1,4 +1,4 @@
-// pickup.cpp: SMTPRecvNext, the spool search and the header dispatcher.
+// pickup.cpp: receive_next (SMTPRecvNext), the spool search and the header dispatcher.
 #include "decomposition/pickup.h"
 
 #include <cstring>
@@ -159,11 +159,7 @@ void parse_message(ParseContext& context) {
     if (context.output != nullptr) close_output(context);
 }
 
-}  // namespace qbsmtp
-
-using namespace qbsmtp;
-
-extern "C" QBSMTP_API int32_t QBSMTP_CALL SMTPRecvNext(MailRecord* record) {
+int receive_next(MailRecord* record) {
     if (record == nullptr) return 0;
     ParseContext context;
     context.record = record;
@@ -179,3 +175,5 @@ extern "C" QBSMTP_API int32_t QBSMTP_CALL SMTPRecvNext(MailRecord* record) {
     }
     return 1;
 }
+
+}  // namespace qbsmtp

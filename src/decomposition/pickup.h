@@ -16,5 +16,8 @@ int open_next_message(ParseContext& context);
 // Reads the header section into the record and the body into files under
 // mime_dir, then closes input and output. Failures leave as a thrown 1.
 void parse_message(ParseContext& context);
+// SMTPRecvNext: takes the next waiting message, if any, apart into record.
+// 0 when that failed (reported where it failed), else 1.
+int receive_next(MailRecord* record);
 
 }  // namespace qbsmtp

@@ -157,11 +157,13 @@ void UuSplitter::close_text() {
 int UuSplitter::write_text(const char* bytes, std::size_t count) {
     // Opened at the first line only: until then the file stands empty, as
     // create_unique_file left it.
-    if (text_file == os::INVALID_HANDLE_VALUE) {
-        text_file = create_for_writing(text_path.c_str());
-        if (text_file == os::INVALID_HANDLE_VALUE) return 0;
-    }
-    return write_all(text_file, bytes, count) ? 1 : 0;
+    if (text_file == os::INVALID_HANDLE_VALUE) text_file = create_for_writing(text_path.c_str());
+    if (text_file != os::INVALID_HANDLE_VALUE && write_all(text_file, bytes, count)) return 1;
+    // The split ends here and the record lists what the file holds: a
+    // truncated text, which only this event tells.
+    event_reporter.report_error(event::uuencode_text_write_failed, text_path.c_str(),
+                                os::GetLastError());
+    return 0;
 }
 
 std::size_t UuSplitter::refill() {

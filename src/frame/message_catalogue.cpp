@@ -29,6 +29,8 @@ const os::MessageResource event_texts[] = {
     {event::open_file_failed, "Errore in apertura file %1: %2\r\n"},
     {event::write_failed, "Errore in scrittura %1: %2\r\n"},
     {event::copy_file_failed, "Errore in copia file %1 to %2: %3\r\n"},
+    {event::spool_rename_failed,
+     "Errore in rinomina file %1 in %2: %3 (messaggio accettato, non consegnato)\r\n"},
     {event::delete_file_failed, "Errore in cancellazione file %1: %2\r\n"},
     {event::port_owned_by_other_server,
      "Questa porta SMTP \xe8 gi\xe0 utilizzata, STMP Receive \xe8 disattivata,%1 Altro server SMTP "
@@ -54,6 +56,8 @@ const os::MessageResource event_texts[] = {
     {event::uuencode_begin_missing,
      "Nessun inizio riga trovato per elemento multiparte %1 in %2\r\n"},
     {event::uuencode_end_missing, "Nessuna fine riga trovata per elemento multiparte %1 in %2\r\n"},
+    {event::uuencode_text_write_failed,
+     "Errore in scrittura testo %1 durante la separazione uuencode (testo troncato): %2\r\n"},
     {event::no_recipient, "Il messaggio non contiene un indirizzo \"a\" \r\n"},
     {event::no_sender, "Il messaggio non contiene un indirizzo \"da\" \r\n"},
     {event::no_attachment, "Il messaggio non contiene allegati\r\n"},

@@ -1,11 +1,13 @@
 // message_catalogue.h: the ids of the module's events and the data behind
-// their texts: 45 events, and the 44 strings with the 43-pair table that
+// their texts: 47 events, and the 44 strings with the 43-pair table that
 // turns a Winsock code into a string number.
 //
 // The texts are Italian, in code page 1252, each ending in CR LF, with
 // insertion places %1 to %3. On Windows they are the message table and the
 // string table of the module's file; on POSIX the frame hands them to the
-// platform layer, which fills the event log from them.
+// platform layer, which fills the event log from them. The ids marked
+// "ours" are this module's own additions, for failures that would
+// otherwise pass in silence.
 #pragma once
 
 #include <cstddef>
@@ -35,6 +37,7 @@ inline constexpr std::uint32_t create_file_failed = 0xC000272E;          // 1003
 inline constexpr std::uint32_t open_file_failed = 0xC0002730;            // 10032
 inline constexpr std::uint32_t write_failed = 0xC0002732;                // 10034
 inline constexpr std::uint32_t copy_file_failed = 0xC0002738;            // 10040
+inline constexpr std::uint32_t spool_rename_failed = 0xC0002739;         // 10041, ours
 inline constexpr std::uint32_t delete_file_failed = 0xC0002788;          // 10120
 inline constexpr std::uint32_t port_owned_by_other_server = 0xC00027D9;  // 10201
 inline constexpr std::uint32_t file_name_too_long = 0xC0004E33;          // 20019
@@ -56,6 +59,7 @@ inline constexpr std::uint32_t mime_type_unsupported = 0xC0004F14;       // 2024
 inline constexpr std::uint32_t message_id_invalid = 0xC0004F31;          // 20273
 inline constexpr std::uint32_t uuencode_begin_missing = 0xC0004FB0;      // 20400
 inline constexpr std::uint32_t uuencode_end_missing = 0xC0004FB1;        // 20401
+inline constexpr std::uint32_t uuencode_text_write_failed = 0xC0004FB2;  // 20402, ours
 inline constexpr std::uint32_t no_recipient = 0xC0004FCF;                // 20431
 inline constexpr std::uint32_t no_sender = 0xC0004FD0;                   // 20432
 inline constexpr std::uint32_t no_attachment = 0xC0004FD1;               // 20433
@@ -69,7 +73,7 @@ inline constexpr std::uint32_t source_registration_failed = 0;
 
 namespace qbsmtp {
 
-// The 45 events with their texts, in ascending order of id.
+// The 47 events with their texts, in ascending order of id.
 extern const os::MessageResource event_texts[];
 extern const std::size_t event_text_count;
 

@@ -7,8 +7,25 @@
 // implements them: os_posix_*.cpp over POSIX, and later one over Win32.
 //
 // Native errors are mapped to Win32/Winsock codes inside the backend and
-// nowhere else. Every function here passes through the fault seam
-// (os_fault.h) first, so tests can make any one of them fail.
+// nowhere else. Every function here whose failure the module acts on passes
+// through the fault seam (os_fault.h) first, so tests can make any one of
+// them fail. The seam counts calls of these functions, not of the system
+// calls behind them: the files a function uses inside (registry.reg under
+// the Reg* functions, events.jsonl under ReportEventA, the directory that
+// FindFirstFileA opens) fail through that function's own entry; the
+// directory sync of MoveFileExA is counted as FlushFileBuffers. In the
+// POSIX backend every descriptor call goes through os_posix_fd.h (EINTR
+// retried, writes looped to the end, close-on-exec).
+//
+// Outside the seam, because no failure of theirs changes what the module
+// does: the error slots (GetLastError, SetLastError, WSAGetLastError,
+// WSASetLastError, doserrno); the releases, whose result nobody reads
+// (LocalFree, FindClose, RegCloseKey, DeregisterEventSource, FreeLibrary,
+// closesocket, shutdown); the clocks and time arithmetic (Sleep,
+// GetTickCount, GetLocalTime, GetSystemTime, FileTimeToSystemTime,
+// CompareFileTime); the module's own identity, which exists once the loader
+// has mapped it (GetModuleHandleA, GetModuleFileNameA); LocalSize;
+// getsockname (tests only); set_module_resources (data, no OS call).
 #pragma once
 
 #include <cstdarg>

@@ -33,6 +33,7 @@
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "platform/os_posix_fd.h"
 #include "platform/os_posix_internal.h"
 
 namespace qbsmtp::os {
@@ -123,19 +124,14 @@ bool append_event_line(const std::string& line) {
         status.st_size > 0) {
         ::rename(path.c_str(), (path + ".1").c_str());
     }
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = posix::open_retrying(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0) return false;
-    ssize_t written;
-    do {
-        written = ::write(fd, line.data(), line.size());
-    } while (written < 0 && errno == EINTR);
-    int error_number = errno;
+    std::size_t done = 0;
+    const bool written = posix::write_all(fd, line.data(), line.size(), &done);
+    const int error_number = errno;
     ::close(fd);
-    if (written != static_cast<ssize_t>(line.size())) {
-        errno = written < 0 ? error_number : ENOSPC;
-        return false;
-    }
-    return true;
+    errno = error_number;
+    return written;
 }
 
 }  // namespace

@@ -27,6 +27,7 @@
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "platform/os_posix_fd.h"
 #include "platform/os_posix_internal.h"
 
 namespace qbsmtp::os {
@@ -64,32 +65,6 @@ bool check_name(const char* name, std::size_t max_bytes) {
     return true;
 }
 
-int open_retrying(const char* name, int flags, mode_t mode) {
-    int fd;
-    do {
-        fd = ::open(name, flags | O_CLOEXEC | O_NOCTTY, mode);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
-
-// Writes all of buffer; false with errno set on failure.
-bool write_all(int fd, const char* buffer, std::size_t length, std::size_t* done) {
-    *done = 0;
-    while (*done < length) {
-        ssize_t written = ::write(fd, buffer + *done, length - *done);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (written == 0) {
-            errno = ENOSPC;
-            return false;
-        }
-        *done += static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 // Read or write on a descriptor without the access for it: Windows says
 // access denied, not an invalid handle.
 DWORD transfer_error(int error_number) {
@@ -110,15 +85,14 @@ bool copy_contents(int source, int target) {
     }
     bool good = true;
     for (;;) {
-        ssize_t got = ::read(source, buffer, copy_buffer_size);
+        const long got = posix::read_retrying(source, buffer, copy_buffer_size);
         if (got < 0) {
-            if (errno == EINTR) continue;
             good = false;
             break;
         }
         if (got == 0) break;
         std::size_t done;
-        if (!write_all(target, buffer, static_cast<std::size_t>(got), &done)) {
+        if (!posix::write_all(target, buffer, static_cast<std::size_t>(got), &done)) {
             good = false;
             break;
         }
@@ -131,7 +105,7 @@ bool copy_contents(int source, int target) {
 
 // The copy behind CopyFileA and a cross-device MoveFileA.
 BOOL copy_file(const char* existing, const char* target, bool fail_if_exists) {
-    int source = open_retrying(existing, O_RDONLY, 0);
+    int source = posix::open_retrying(existing, O_RDONLY, 0);
     if (source < 0) {
         posix::set_file_error(errno, existing);
         return 0;
@@ -148,7 +122,7 @@ BOOL copy_file(const char* existing, const char* target, bool fail_if_exists) {
         return fail(fail_if_exists ? ERROR_FILE_EXISTS : ERROR_SHARING_VIOLATION);
     }
     int flags = O_WRONLY | O_CREAT | (fail_if_exists ? O_EXCL : O_TRUNC);
-    int destination = open_retrying(target, flags, source_status.st_mode & 0777);
+    int destination = posix::open_retrying(target, flags, source_status.st_mode & 0777);
     if (destination < 0) {
         int error_number = errno;
         ::close(source);
@@ -206,26 +180,26 @@ HANDLE CreateFileA(const char* name, DWORD access, DWORD /*share_mode*/, void* /
     bool existed = false;
     switch (disposition) {
         case CREATE_NEW:
-            fd = open_retrying(name, open_flags | O_CREAT | O_EXCL, mode);
+            fd = posix::open_retrying(name, open_flags | O_CREAT | O_EXCL, mode);
             break;
         case CREATE_ALWAYS:
         case OPEN_ALWAYS:
-            fd = open_retrying(name, open_flags | O_CREAT | O_EXCL, mode);
+            fd = posix::open_retrying(name, open_flags | O_CREAT | O_EXCL, mode);
             if (fd < 0 && errno == EEXIST) {
                 existed = true;
                 int truncate = disposition == CREATE_ALWAYS ? O_TRUNC : 0;
-                fd = open_retrying(name, open_flags | truncate, mode);
+                fd = posix::open_retrying(name, open_flags | truncate, mode);
             }
             break;
         case OPEN_EXISTING:
-            fd = open_retrying(name, open_flags, 0);
+            fd = posix::open_retrying(name, open_flags, 0);
             break;
         case TRUNCATE_EXISTING:
             if (!writes) {
                 SetLastError(ERROR_INVALID_PARAMETER);
                 return INVALID_HANDLE_VALUE;
             }
-            fd = open_retrying(name, open_flags | O_TRUNC, 0);
+            fd = posix::open_retrying(name, open_flags | O_TRUNC, 0);
             break;
         default:
             SetLastError(ERROR_INVALID_PARAMETER);
@@ -266,9 +240,8 @@ BOOL ReadFile(HANDLE handle, void* buffer, DWORD to_read, DWORD* read, void* /*o
     auto* bytes = static_cast<char*>(buffer);
     DWORD done = 0;
     while (done < to_read) {
-        ssize_t got = ::read(file->fd, bytes + done, to_read - done);
+        const long got = posix::read_retrying(file->fd, bytes + done, to_read - done);
         if (got < 0) {
-            if (errno == EINTR) continue;
             if (read != nullptr) *read = done;
             return fail(transfer_error(errno));
         }
@@ -287,7 +260,7 @@ BOOL WriteFile(HANDLE handle, const void* buffer, DWORD to_write, DWORD* written
     if (file == nullptr) return fail(ERROR_INVALID_HANDLE);
     if (buffer == nullptr && to_write != 0) return fail(ERROR_INVALID_PARAMETER);
     std::size_t done;
-    bool good = write_all(file->fd, static_cast<const char*>(buffer), to_write, &done);
+    bool good = posix::write_all(file->fd, static_cast<const char*>(buffer), to_write, &done);
     if (written != nullptr) *written = static_cast<DWORD>(done);
     if (!good) return fail(transfer_error(errno));
     return 1;
@@ -297,12 +270,7 @@ BOOL FlushFileBuffers(HANDLE handle) {
     if (fault_hit(Op::FlushFileBuffers)) return 0;
     FileObject* file = file_of(handle);
     if (file == nullptr) return fail(ERROR_INVALID_HANDLE);
-    // fsync is not restarted after EINTR on every file system: try again.
-    int result;
-    do {
-        result = ::fsync(file->fd);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) return fail(transfer_error(errno));
+    if (posix::fsync_retrying(file->fd) != 0) return fail(transfer_error(errno));
     return 1;
 }
 
@@ -385,15 +353,12 @@ BOOL MoveFileExA(const char* existing, const char* target, DWORD flags) {
     std::string directory(target);
     const std::size_t slash = directory.rfind('/');
     directory = slash == std::string::npos ? "." : slash == 0 ? "/" : directory.substr(0, slash);
-    const int fd = open_retrying(directory.c_str(), O_RDONLY | O_DIRECTORY, 0);
+    const int fd = posix::open_retrying(directory.c_str(), O_RDONLY | O_DIRECTORY, 0);
     if (fd < 0) {
         posix::set_file_error(errno, directory.c_str());
         return 0;
     }
-    int result;
-    do {
-        result = ::fsync(fd);
-    } while (result != 0 && errno == EINTR);
+    const int result = posix::fsync_retrying(fd);
     const int error_number = errno;
     ::close(fd);
     if (result != 0) return fail(posix::win32_from_errno(error_number));

@@ -23,6 +23,7 @@
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "platform/os_posix_fd.h"
 #include "platform/os_posix_internal.h"
 
 namespace qbsmtp::os {
@@ -121,8 +122,8 @@ HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data) {
         SetLastError(ERROR_FILE_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
     }
-    const int directory = ::open(directory_path.empty() ? "." : directory_path.c_str(),
-                                 O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int directory = posix::open_retrying(
+        directory_path.empty() ? "." : directory_path.c_str(), O_RDONLY | O_DIRECTORY, 0);
     if (directory < 0) {
         int error_number = errno;
         SetLastError(error_number == ENOENT || error_number == ENOTDIR

@@ -26,6 +26,7 @@
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "platform/os_posix_fd.h"
 #include "platform/os_posix_internal.h"
 #include "platform/os_posix_registry_tree.h"
 
@@ -66,12 +67,11 @@ Registry& registry() {
 
 std::string read_whole_file(const std::string& path) {
     std::string text;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = posix::open_retrying(path.c_str(), O_RDONLY, 0);
     if (fd < 0) return text;
     char buffer[65536];
     for (;;) {
-        ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
+        const long got = posix::read_retrying(fd, buffer, sizeof buffer);
         if (got <= 0) break;
         text.append(buffer, static_cast<std::size_t>(got));
     }
@@ -101,21 +101,16 @@ DWORD persist(Registry& r) {
     std::string text = posix::format_registry_text(r.tree);
     std::string target = prefix + "/registry.reg";
     std::string temporary = target + ".tmp";
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int fd = posix::open_retrying(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (fd < 0) return posix::win32_from_errno(errno);
     std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) {
-            int error_number = written < 0 ? errno : ENOSPC;
-            ::close(fd);
-            ::unlink(temporary.c_str());
-            return posix::win32_from_errno(error_number);
-        }
-        done += static_cast<std::size_t>(written);
+    if (!posix::write_all(fd, text.data(), text.size(), &done)) {
+        const int error_number = errno;
+        ::close(fd);
+        ::unlink(temporary.c_str());
+        return posix::win32_from_errno(error_number);
     }
-    if (::fsync(fd) != 0 || ::close(fd) != 0) {
+    if (posix::fsync_retrying(fd) != 0 || ::close(fd) != 0) {
         int error_number = errno;
         ::unlink(temporary.c_str());
         return posix::win32_from_errno(error_number);

@@ -7,7 +7,7 @@
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
-#include "frame/socket_timeouts.h"
+#include "frame/smtp_stream.h"
 #include "frame/text_ops.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/port_probe.h"

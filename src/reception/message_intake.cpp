@@ -55,17 +55,24 @@ void make_debug_copy(const SmtpSession& session) {
 
 // Hands the file over to pickup by its final name, on the disk before the
 // call returns unless SpoolSync is 0. A failed rename leaves the .tmp file
-// where nothing picks it up; the peer has its 250 already.
+// where nothing picks it up while the peer has its 250 already: the one
+// loss that must not pass in silence, so it has an event of its own.
 void publish_spool_file(const SmtpSession& session) {
     char final_path[os::MAX_PATH];
     std::memcpy(final_path, session.spool_path, sizeof final_path);
     // The name ends in ".tmp", so ".822" takes exactly its room.
     char* extension = final_path + (path_extension(session.spool_path) - session.spool_path);
     std::memcpy(extension, ".822", sizeof ".822");
-    if (spool_sync != 0)
-        os::MoveFileExA(session.spool_path, final_path, os::MOVEFILE_WRITE_THROUGH);
-    else
-        os::MoveFileA(session.spool_path, final_path);
+    const bool moved = spool_sync != 0 ? os::MoveFileExA(session.spool_path, final_path,
+                                                         os::MOVEFILE_WRITE_THROUGH) != 0
+                                       : os::MoveFileA(session.spool_path, final_path) != 0;
+    if (moved) return;
+    // A failed sync of the directory leaves the file under its final name,
+    // where pickup finds it: only a file still under its .tmp name is lost.
+    const os::DWORD error = os::GetLastError();
+    if (os::GetFileAttributesA(session.spool_path) != os::INVALID_FILE_ATTRIBUTES)
+        event_reporter.report_error(event::spool_rename_failed, session.spool_path, final_path,
+                                    error);
 }
 
 // The message is complete and closed: answer, then keep or drop the file.

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
+#include "frame/ascii.h"
 #include "frame/module_state.h"
-#include "reception/ascii.h"
 #include "reception/message_intake.h"
 #include "reception/session_io.h"
 

@@ -1,10 +1,8 @@
-// session_io.h: buffered byte input and output on one SmtpSession.
+// session_io.h: buffered byte input and output on one SmtpSession, the
+// server's face of its SmtpStream.
 //
-// Input comes from recv in blocks of up to 1024 bytes into read_buffer;
-// one byte can be pushed back after a read. Output collects in
-// write_buffer and leaves with a single send per session_flush. A failed
-// or short send throws the integer 1, which session_thread catches; so
-// does a reply that does not fit 1024 bytes.
+// A failed or short send throws the integer 1, which session_thread
+// catches; so does a reply that does not fit 1024 bytes.
 #pragma once
 
 #include "reception/smtp_session.h"
@@ -13,15 +11,11 @@ namespace qbsmtp {
 
 // Sets up empty buffers; session_thread runs it before the dialogue.
 void session_reset_buffers(SmtpSession& session);
-// Refills read_buffer with one recv; the first byte, or -1.
-int session_refill(SmtpSession& session);
 // Next byte, 0 to 255, or -1 when the peer closed, the connection broke
 // or the session time-out expired. Inline: message text passes here byte
 // by byte.
 inline int session_getc(SmtpSession& session) {
-    if (session.read_count < 1) return session_refill(session);
-    --session.read_count;
-    return *session.read_cursor++;
+    return session.get_byte();
 }
 // Puts c back in front of the input; c, or -1 if nothing was read yet.
 int session_ungetc(int c, SmtpSession& session);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "frame/smtp_stream.h"
 #include "frame/stream.h"
 #include "frame/thread_handle.h"
 #include "platform/os.h"
@@ -24,7 +25,6 @@ inline constexpr int SESSION_GONE = 14;  // a read gave no byte
 inline constexpr int LINE_CLEAN = 15;    // the line ended at once / the literal matched
 inline constexpr int LINE_EXTRA = 16;    // other text, no such command, no match
 
-inline constexpr std::size_t session_buffer_size = 1024;
 inline constexpr std::size_t session_field_size = 512;  // helo_domain, reverse_path
 
 // Opened by the listener once ThreadHandle::start has returned, so that
@@ -50,21 +50,15 @@ class StartLatch {
     bool opened_ = false;
 };
 
-class SmtpSession {
+// The stream's socket is the accepted connection.
+class SmtpSession : public SmtpStream {
   public:
-    os::SOCKET socket = os::INVALID_SOCKET;      // the accepted connection
     ThreadHandle thread;                         // its thread_id stands in the greeting
-    unsigned char* read_cursor = nullptr;        // next byte to deliver; null until the first read
-    unsigned char* write_cursor = nullptr;       // next free byte of write_buffer
-    std::int32_t read_count = 0;                 // bytes left behind read_cursor
-    std::int32_t write_room = 0;                 // free bytes behind write_cursor
     Stream* spool = nullptr;                     // open spool file during DATA, else null
     char helo_domain[session_field_size] = {};   // domain of the last HELO; empty at first
     char reverse_path[session_field_size] = {};  // path of the last MAIL; empty at first
     char spool_path[os::MAX_PATH] = {};          // path of the current spool file
-    unsigned char read_buffer[session_buffer_size];
-    unsigned char write_buffer[session_buffer_size];
-    StartLatch start_latch;  // see StartLatch
+    StartLatch start_latch;                      // see StartLatch
 
     SmtpSession() = default;
     SmtpSession(const SmtpSession&) = delete;

@@ -1,5 +1,5 @@
-// relay.cpp: SMTPSendInit and SMTPSend, the two exports of the sending
-// side.
+// relay.cpp: send_init and send_record, the work behind SMTPSendInit and
+// SMTPSend.
 //
 // SMTPSend runs the whole conversation inside one try block. Every end,
 // the good one too, is a thrown Exception; the one catch closes what is
@@ -19,8 +19,6 @@
 namespace qbsmtp {
 
 os::sockaddr_in relay_address{};
-
-namespace {
 
 int send_init(const char* relay_host) {
     if (smtp_service == nullptr) {
@@ -47,6 +45,8 @@ int send_init(const char* relay_host) {
     log_debug("Connecting to %s <%s>", relay_host, host->h_name != nullptr ? host->h_name : "");
     return 1;
 }
+
+namespace {
 
 // A message body leaves in full 1024-byte blocks and then a short last
 // one with the end marker. Under Nagle's algorithm that last block waits
@@ -102,7 +102,9 @@ void send_without_delay(SmtpClient& client) {
     throw Exception::delivered;
 }
 
-int send(MailRecord* record) {
+}  // namespace
+
+int send_record(MailRecord* record) {
     if (record == nullptr) {
         os::SetLastError(os::ERROR_INVALID_PARAMETER);
         return 0;
@@ -124,18 +126,4 @@ int send(MailRecord* record) {
     return outcome == Exception::delivered ? 1 : 0;
 }
 
-}  // namespace
-
 }  // namespace qbsmtp
-
-extern "C" {
-
-QBSMTP_API int32_t QBSMTP_CALL SMTPSendInit(const char* relay_host) {
-    return qbsmtp::send_init(relay_host);
-}
-
-QBSMTP_API int32_t QBSMTP_CALL SMTPSend(MailRecord* record) {
-    return qbsmtp::send(record);
-}
-
-}  // extern "C"

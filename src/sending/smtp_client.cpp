@@ -1,5 +1,5 @@
-// smtp_client.cpp: the buffered connection of a SmtpClient, the reply
-// reader, the formatted writer, the five commands and the time-outs.
+// smtp_client.cpp: the client's failures on its stream, the reply reader,
+// the formatted writer, the five commands and the time-outs.
 
 #include "sending/smtp_client.h"
 
@@ -9,7 +9,6 @@
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
-#include "frame/socket_timeouts.h"
 #include "frame/text_ops.h"
 #include "qbsmtp/qbsmtp.h"
 
@@ -27,11 +26,6 @@ namespace {
     throw Exception::failed_for_good;
 }
 
-// A send or recv that ran into its time-out; the backend may report either.
-bool is_timeout(int winsock_error) {
-    return winsock_error == os::WSAETIMEDOUT || winsock_error == os::WSAEWOULDBLOCK;
-}
-
 }  // namespace
 
 SmtpClient::~SmtpClient() {
@@ -40,10 +34,7 @@ SmtpClient::~SmtpClient() {
 
 void SmtpClient::setup_buffers() {
     current = nullptr;
-    read_cursor = read_buffer;
-    read_count = 0;
-    write_room = static_cast<int>(client_buffer_size);
-    write_cursor = write_buffer;
+    reset_buffers();
 }
 
 void SmtpClient::clean_up() {
@@ -60,91 +51,38 @@ void SmtpClient::clean_up() {
     attachments.clear();
 }
 
-int read_refill(SmtpClient& client) {
-    client.read_cursor = client.read_buffer;
-    client.read_count =
-        os::recv(client.socket, client.read_buffer, static_cast<int>(client_buffer_size), 0);
-    if (client.read_count < 1) {
-        // The peer closed, failed or timed out: all the same to the reader.
-        client.read_count = 0;
-        return -1;
-    }
-    --client.read_count;
-    return static_cast<unsigned char>(*client.read_cursor++);
+void fail_send() {
+    if (is_timeout_error(os::WSAGetLastError())) fail_lost_connection();
+    throw Exception::failed_for_now;
 }
 
 void write_flush(SmtpClient& client) {
-    const int pending = static_cast<int>(client.write_cursor - client.write_buffer);
-    if (pending > 0 && os::send(client.socket, client.write_buffer, pending, 0) != pending) {
-        // A relay that stopped reading counts as lost; other send failures
-        // carry no event of their own.
-        if (is_timeout(os::WSAGetLastError())) fail_lost_connection();
-        throw Exception::failed_for_now;
-    }
-    client.write_cursor = client.write_buffer;
-    client.write_room = static_cast<int>(client_buffer_size);
-}
-
-void write_byte(int c, SmtpClient& client) {
-    write_flush(client);
-    client.put_byte(c);
+    if (!client.flush()) fail_send();
 }
 
 void write_format(SmtpClient& client, const char* format, ...) {
     char text[client_buffer_size];
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    const int length = format_text(text, format, arguments);
     va_end(arguments);
-    if (length < 0 || static_cast<std::size_t>(length) >= sizeof text) {
-        throw Exception::failed_for_now;
-    }
+    if (length < 0) throw Exception::failed_for_now;
     log_debug("%s", text);  // log_debug cuts its copy; the wire gets it whole
     for (const char* p = text; *p != '\0'; ++p) client.put_byte(*p);
 }
 
 int read_reply(SmtpClient& client) {
     write_flush(client);
-
-    // States: 0..2 the three digits, 3 the separator, 4 the text, 5 after CR.
-    int state = 0;
     int code = 0;
-    bool last = false;
-    for (;;) {
-        const int c = client.read_byte();
-        if (c < 0) fail_lost_connection();
-        switch (state) {
-            case 0:
-            case 1:
-            case 2:
-                if (c < '0' || c > '9') fail_unintelligible();
-                code = (state == 0 ? 0 : code * 10) + (c - '0');
-                ++state;
-                break;
-            case 3:
-                if (c == ' ') {
-                    last = true;
-                } else if (c == '-') {
-                    last = false;
-                } else {
-                    fail_unintelligible();
-                }
-                state = 4;
-                break;
-            case 4:
-                if (c == '\r') state = 5;
-                break;
-            default:  // 5: only LF right behind CR ends a line
-                if (c != '\n') {
-                    state = 4;
-                } else if (last) {
-                    return code;
-                } else {
-                    state = 0;
-                }
-                break;
-        }
+    switch (client.read_reply(code)) {
+        case ReplyRead::complete:
+            return code;
+        case ReplyRead::lost:
+            fail_lost_connection();
+        case ReplyRead::unintelligible:
+            break;
     }
+    fail_unintelligible();
 }
 
 void report_unexpected_reply(int code) {

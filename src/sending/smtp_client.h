@@ -1,21 +1,17 @@
-// smtp_client.h: SmtpClient, one client conversation with an SMTP peer,
-// and the buffered byte I/O, the reply reader and the five commands.
+// smtp_client.h: SmtpClient, one client conversation with an SMTP peer
+// over its SmtpStream, the reply reader and the five commands.
 //
-// Both directions go through a fixed 1024-byte buffer inside the record.
-// A byte read or write is an inlined count test (read_byte, put_byte);
-// the slow halves refill or flush. Every end of a conversation, the good
-// one included, leaves by throwing an Exception value after its event has
-// been raised, so that the caller has one catch and one clean-up.
-//
-// The record is used by SMTPSend (one per call, on the caller's stack) and
-// by the port conflict probe of the listener, which needs only the buffer
-// set-up, read_reply and issue_quit.
+// Every end of a conversation, the good one included, leaves by throwing
+// an Exception value after its event has been raised, so that the caller
+// has one catch and one clean-up. The record is used by SMTPSend, one per
+// call, on the caller's stack.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
+#include "frame/smtp_stream.h"
 #include "frame/stream.h"
 #include "platform/os.h"
 
@@ -28,30 +24,21 @@ enum class Exception : int {
     failed_for_good = 2,  // record or files unfit, or the peer not understood
 };
 
-inline constexpr std::size_t client_buffer_size = 1024;
+inline constexpr std::size_t client_buffer_size = smtp_buffer_size;
 inline constexpr std::size_t client_field_size = 256;  // 255 bytes and a NUL
 inline constexpr std::size_t boundary_size = 72;
 
-class SmtpClient {
+class SmtpClient : public SmtpStream {
   public:
-    // The connection. INVALID_SOCKET while none is open: on POSIX 0 is a
-    // valid descriptor, so it cannot serve as "none".
-    os::SOCKET socket = os::INVALID_SOCKET;
-    int connected = 0;                           // 1 from a successful connect until the clean-up
-    int body_is_text = 0;                        // 1 when the first attachment is the text body
-    int attachment_count = 0;                    // paths in attachments
-    MultiString attachments;                     // private copies of the attachment paths
-    Stream* current = nullptr;                   // attachment file now open; the clean-up closes it
-    char* read_cursor = nullptr;                 // next unread byte in read_buffer
-    char* write_cursor = nullptr;                // next free byte in write_buffer
-    int read_count = 0;                          // unread bytes left in read_buffer
-    int write_room = 0;                          // free bytes left in write_buffer
-    char read_buffer[client_buffer_size] = {};   // last block recv delivered
-    char write_buffer[client_buffer_size] = {};  // bytes waiting for send
-    char sender[client_field_size] = {};         // reverse path and From text
-    char recipients[client_field_size] = {};     // joined forward path and To text
-    char subject[client_field_size] = {};        // Subject text
-    char boundary[boundary_size] = {};           // MIME boundary, built by emit_date
+    int connected = 0;                        // 1 from a successful connect until the clean-up
+    int body_is_text = 0;                     // 1 when the first attachment is the text body
+    int attachment_count = 0;                 // paths in attachments
+    MultiString attachments;                  // private copies of the attachment paths
+    Stream* current = nullptr;                // attachment file now open; the clean-up closes it
+    char sender[client_field_size] = {};      // reverse path and From text
+    char recipients[client_field_size] = {};  // joined forward path and To text
+    char subject[client_field_size] = {};     // Subject text
+    char boundary[boundary_size] = {};        // MIME boundary, built by emit_date
 
     SmtpClient() = default;
     ~SmtpClient();
@@ -61,31 +48,23 @@ class SmtpClient {
     // Empty buffers: the first read refills, the first write finds 1024 bytes.
     void setup_buffers();
 
-    // The byte read: 0 to 255, or -1 when the peer gave nothing.
-    int read_byte();
-    // The byte write; may throw failed_for_now when the buffer goes out.
+    // The stream's byte write with the client's failure: may throw
+    // failed_for_now (see fail_send) when the buffer goes out.
     void put_byte(int c);
 
     // Closes the socket (no QUIT) and the open file; frees the paths.
     void clean_up();
 };
 
-// Slow halves of the byte read and write.
-int read_refill(SmtpClient& client);
+// A send that failed or went short: a relay that stopped reading (the
+// time-out) counts as lost, with its event; other send failures carry no
+// event of their own. Throws failed_for_now.
+[[noreturn]] void fail_send();
+// Sends what waits in the buffer, or fail_send.
 void write_flush(SmtpClient& client);
-void write_byte(int c, SmtpClient& client);
-
-inline int SmtpClient::read_byte() {
-    if (--read_count >= 0) return static_cast<unsigned char>(*read_cursor++);
-    return read_refill(*this);
-}
 
 inline void SmtpClient::put_byte(int c) {
-    if (--write_room >= 0) {
-        *write_cursor++ = static_cast<char>(c);
-        return;
-    }
-    write_byte(c, *this);
+    if (!SmtpStream::put_byte(c)) fail_send();
 }
 
 // Formats into a 1024-byte buffer, echoes it to the debug log and puts it
@@ -114,7 +93,7 @@ enum class Phase { connect, greeting, command, data_initiation, data_block, data
 std::uint32_t phase_timeout(Phase phase);
 // Sets the receive and send time-outs of the connection for phase; a
 // failure raises 0xC0004E92 and throws failed_for_now. The commands and
-// read_reply set none themselves, so the probe can keep a bound of its own.
+// read_reply set none themselves: the conversation sets each phase's bound.
 void set_phase_timeout(SmtpClient& client, Phase phase);
 
 }  // namespace qbsmtp

@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "decomposition/mime_type_map.h"
-#include "decomposition/multi_string.h"
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
+#include "frame/multi_string.h"
 #include "frame/paths.h"
 #include "platform/os.h"
 #include "platform/os_fault.h"

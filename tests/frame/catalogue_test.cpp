@@ -47,7 +47,8 @@ std::map<std::string, std::uint32_t> code_ids() {
         connect_failed, bind_failed, listen_failed, unexpected_reply, connection_lost,
         attachment_type_invalid, reply_unintelligible, quit_failed, mime_type_unsupported,
         message_id_invalid, uuencode_begin_missing, uuencode_end_missing, no_recipient, no_sender,
-        no_attachment, internal_inconsistency, no_memory_for_session, source_registration_failed);
+        no_attachment, internal_inconsistency, no_memory_for_session, source_registration_failed,
+        spool_rename_failed, uuencode_text_write_failed);
 }
 
 TEST(EventCatalogue, IdsSeveritiesAndTextsAreThoseLogReadersKnow) {

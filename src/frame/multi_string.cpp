@@ -5,7 +5,7 @@
 // block the host handed in is treated exactly like one made here. A failed
 // allocation never writes through a null block: append then leaves the
 // list as it was, assign leaves it empty.
-#include "decomposition/multi_string.h"
+#include "frame/multi_string.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-// os_posix_local_exports.cpp: the C exports LocalAlloc, LocalFree and
+// local_alloc_posix.cpp: the C exports LocalAlloc, LocalFree and
 // LocalSize of the module, with which a POSIX host releases the blocks of
 // a MailRecord. They forward to the platform layer.
 #include "platform/os.h"

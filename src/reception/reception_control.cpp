@@ -1,19 +1,13 @@
-// exports.cpp: the frame's exported functions: SMTPSetLogging, SMTPRecvInit
-// and SMTPRecvStop.
-//
-// SMTPRecvInit gives 1 once the listener thread exists; whether the port
-// could be bound reaches the outside only as events. Reception cannot be
-// restarted in the same process: after SMTPRecvStop a new listener sees the
-// stop flag at once.
+// reception_control.cpp: prepare_reception, start_listener, stop_reception.
+
+#include "reception/reception_control.h"
 
 #include <cstddef>
 
-#include "decomposition/mime_type_map_load.h"
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "frame/paths.h"
 #include "frame/thread_handle.h"
-#include "qbsmtp/qbsmtp.h"
 #include "reception/listener.h"
 
 namespace qbsmtp {
@@ -37,17 +31,7 @@ void replace_directory_text(CountedString& target, const char* text) {
 
 }  // namespace
 
-}  // namespace qbsmtp
-
-using namespace qbsmtp;
-
-extern "C" {
-
-QBSMTP_API void QBSMTP_CALL SMTPSetLogging(uint32_t mask) {
-    event_reporter.logging_mask.store(mask, std::memory_order_relaxed);
-}
-
-QBSMTP_API int32_t QBSMTP_CALL SMTPRecvInit(const char* directory) {
+int prepare_reception(const char* directory) {
     if (smtp_service == nullptr) {
         os::SetLastError(os::ERROR_INVALID_FUNCTION);
         return 0;
@@ -66,9 +50,10 @@ QBSMTP_API int32_t QBSMTP_CALL SMTPRecvInit(const char* directory) {
         return event_reporter.report_error(event::create_directory_failed, mime_dir.c_str(),
                                            os::GetLastError());
     }
+    return 1;
+}
 
-    load_mime_type_map();
-
+int start_listener() {
     ThreadHandle listener;
     listener_running.store(1);
     if (!listener.start(smtp_listen, nullptr)) {
@@ -81,9 +66,9 @@ QBSMTP_API int32_t QBSMTP_CALL SMTPRecvInit(const char* directory) {
     return 1;
 }
 
-QBSMTP_API int32_t QBSMTP_CALL SMTPRecvStop(void) {
+int stop_reception() {
     stop_flag.store(1);
     return 1;
 }
 
-}  // extern "C"
+}  // namespace qbsmtp
