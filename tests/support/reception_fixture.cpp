@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <latch>
 #include <mutex>
 #include <thread>
@@ -17,42 +14,23 @@
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/smtp_session.h"
-#include "support/port_holder.h"
 
 namespace qbsmtp::test {
-
-namespace {
-
-// Waits, up to seconds, for done to hold.
-bool wait_until(const std::function<bool()>& done, int seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-}  // namespace
 
 ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
     : port_(free_tcp_port()), spool_(prefix_.file("spool")) {
     ::setenv("QBSMTP_NO_SYSLOG", "1", 1);  // events.jsonl is enough
-    std::ofstream(prefix_.file("services")) << "smtp " << port_ << "/tcp\n";
-    std::ofstream(prefix_.file("registry.reg"))
-        << "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"
-        << "\"HostName\"=\"" << test_host_name << "\"\n"
-        << settings << "\n";
+    prefix_.write("services", "smtp " + std::to_string(port_) + "/tcp\n");
+    prefix_.write("registry.reg",
+                  "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"
+                  "\"HostName\"=\"" +
+                      std::string(test_host_name) + "\"\n" + std::string(settings) + "\n");
     process_attach(nullptr);
     if (start_now && start() != 1) ADD_FAILURE() << "SMTPRecvInit failed";
 }
 
-ReceptionFixture::~ReceptionFixture() {
-    wait_idle();
-}
-
 void ReceptionFixture::wait_idle() const {
-    EXPECT_TRUE(wait_until([] { return sessions_running.load() == 0; }, 30))
+    EXPECT_TRUE(wait_for([] { return sessions_running.load() == 0; }, 30))
         << "sessions still running";
 }
 
@@ -89,7 +67,7 @@ void run_clients_together(std::uint16_t port, int count,
                           const std::function<void(SmtpTestClient&, int)>& session) {
     std::mutex dialling;
     std::latch all_greeted(count);
-    std::vector<std::thread> clients;
+    std::vector<std::jthread> clients;
     for (int c = 0; c < count; ++c) {
         clients.emplace_back([&, c] {
             std::unique_lock<std::mutex> one_at_a_time(dialling);
@@ -100,7 +78,6 @@ void run_clients_together(std::uint16_t port, int count,
             if (greeted) session(client, c);
         });
     }
-    for (auto& t : clients) t.join();
 }
 
 std::string transmit(SmtpTestClient& client, std::string_view text, std::string_view helo,
@@ -116,9 +93,18 @@ std::string transmit(SmtpTestClient& client, std::string_view text, std::string_
     return client.read_reply();
 }
 
+bool wait_for(const std::function<bool()>& done, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
     std::optional<LoggedEvent> found;
-    wait_until(
+    wait_for(
         [&] {
             const auto events = events_with_id(id);
             if (!events.empty()) found = events.front();
@@ -126,10 +112,6 @@ std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
         },
         seconds);
     return found;
-}
-
-std::size_t count_events(std::uint32_t id) {
-    return events_with_id(id).size();
 }
 
 }  // namespace qbsmtp::test
