@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,19 +40,13 @@ inline std::string unescape(const std::string& text) {
 
 // The pieces of text between separators, trimmed of blanks.
 inline std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> pieces(1);
-    for (char c : text + separator) {
-        if (c != separator) {
-            pieces.back() += c;
-            continue;
-        }
-        const std::size_t begin = pieces.back().find_first_not_of(" \t\r");
-        const std::size_t end = pieces.back().find_last_not_of(" \t\r");
-        pieces.back() =
-            begin == std::string::npos ? "" : pieces.back().substr(begin, end - begin + 1);
-        pieces.emplace_back();
+    std::vector<std::string> pieces;
+    std::istringstream in(text + separator);
+    for (std::string piece; std::getline(in, piece, separator);) {
+        const std::size_t first = piece.find_first_not_of(" \t\r");
+        const std::size_t end = piece.find_last_not_of(" \t\r") + 1;
+        pieces.push_back(first == std::string::npos ? "" : piece.substr(first, end - first));
     }
-    pieces.pop_back();
     return pieces;
 }
 
@@ -66,10 +61,9 @@ inline std::string data_file(const std::string& name) {
 inline std::vector<Case> read_cases(const std::string& name, std::size_t min_fields = 1) {
     std::vector<Case> cases;
     const std::vector<std::string> lines = split(data_file(name), '\n');
-    for (std::size_t number = 1; number <= lines.size(); ++number) {
-        const std::string& line = lines[number - 1];
-        if (line.empty() || line[0] == '#') continue;
-        Case c{name + ":" + std::to_string(number), split(line, '|')};
+    for (std::size_t n = 0; n < lines.size(); ++n) {
+        if (lines[n].empty() || lines[n][0] == '#') continue;
+        Case c{name + ":" + std::to_string(n + 1), split(lines[n], '|')};
         EXPECT_GE(c.fields.size(), min_fields) << c.where;
         if (c.fields.size() >= min_fields) cases.push_back(std::move(c));
     }

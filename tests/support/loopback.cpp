@@ -11,6 +11,8 @@
 #include <chrono>
 #include <random>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include "support/scripted_relay.h"
 #include "support/smtp_test_client.h"
@@ -20,6 +22,7 @@ namespace qbsmtp::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+const timeval bound{20, 0};  // on every wait of a peer
 
 sockaddr_in address_of(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK) {
     sockaddr_in address{};
@@ -40,14 +43,6 @@ int bound_socket(std::uint16_t port, std::uint32_t host, bool reuse) {
     return -1;
 }
 
-// Waits until fd has something to read; false after the bound or a stop.
-bool readable(int fd, Clock::time_point until, const std::atomic<bool>& stop, short what = POLLIN) {
-    pollfd p{fd, what, 0};
-    while (::poll(&p, 1, 50) == 0)
-        if (stop || Clock::now() > until) return false;
-    return true;
-}
-
 }  // namespace
 
 SmtpTestClient::SmtpTestClient(std::uint16_t port, int connect_seconds) {
@@ -61,9 +56,8 @@ SmtpTestClient::SmtpTestClient(std::uint16_t port, int connect_seconds) {
     }
     const int one = 1;
     ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    const timeval timeout{read_timeout_seconds, 0};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
 }
 
 void SmtpTestClient::shutdown_write() {
@@ -120,12 +114,10 @@ std::string SmtpTestClient::command(std::string_view line) {
 
 std::uint16_t free_tcp_port() {
     std::mt19937 random(std::random_device{}());
-    // Below the usual ephemeral range, so no outgoing connection holds it.
-    std::uniform_int_distribution<int> pick(20000, 32000);
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        const auto port = static_cast<std::uint16_t>(pick(random));
-        const int fd = bound_socket(port, INADDR_ANY, false);
-        if (fd >= 0) return ::close(fd), port;
+        // Below the usual ephemeral range, so no outgoing connection holds it.
+        const auto port = static_cast<std::uint16_t>(20000 + random() % 12000);
+        if (const int fd = bound_socket(port, INADDR_ANY, false); fd >= 0) return ::close(fd), port;
     }
     throw std::runtime_error("no free port");
 }
@@ -162,55 +154,42 @@ ScriptedRelay::ScriptedRelay(std::vector<Step> script, std::uint16_t port)
     if (listen_fd_ >= 0 && ::listen(listen_fd_, 1) == 0 &&
         ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
         port_ = ntohs(address.sin_port);
+        ::setsockopt(listen_fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);  // accept too
         thread_ = std::thread([this] { run(); });
     }
 }
 
-ScriptedRelay::~ScriptedRelay() {
-    stop();
-    ::close(listen_fd_);
-}
-
 int ScriptedRelay::stop() {
-    stop_ = true;
+    ::shutdown(listen_fd_, SHUT_RDWR);  // ends a wait in accept
     if (thread_.joinable()) thread_.join();
+    ::close(std::exchange(listen_fd_, -1));
     return connections_.load();
 }
 
-std::string ScriptedRelay::received() {
-    if (thread_.joinable()) thread_.join();
-    std::lock_guard<std::mutex> lock(mutex_);
-    return bytes_;
-}
-
-bool ScriptedRelay::receive(int fd) {
-    char chunk[65536];
-    const ssize_t got = readable(fd, Clock::now() + std::chrono::seconds(20), stop_)
-                            ? ::recv(fd, chunk, sizeof chunk, 0)
-                            : 0;
-    if (got <= 0) return false;
-    std::lock_guard<std::mutex> lock(mutex_);
-    const std::size_t from = bytes_.empty() ? 0 : bytes_.size() - 1;
-    bytes_.append(chunk, static_cast<std::size_t>(got));
-    for (std::size_t at = from; (at = bytes_.find("\r\n", at)) != std::string::npos; at += 2)
-        ++lines_;
-    return true;
-}
-
 void ScriptedRelay::run() {
-    const auto until = Clock::now() + std::chrono::seconds(20);
-    if (!readable(listen_fd_, until, stop_)) return;
     const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) return;
     ++connections_;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    std::size_t lines = 0;
+    // Reads what came; false at the peer's close, an error or the bound.
+    const auto receive = [&] {
+        char chunk[65536];
+        const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
+        if (got <= 0) return false;
+        for (const char c : std::string_view(chunk, static_cast<std::size_t>(got)))
+            lines += (bytes_ += c).ends_with("\r\n");
+        return true;
+    };
     bool open = true;
     for (const Step& step : script_) {
-        while (open && lines_ < step.lines) open = receive(fd);
+        while (open && lines < step.lines) open = receive();
         if (!open || step.act == Act::silent) break;
         if (step.act == Act::close) return (void)::close(fd);
         if (step.act == Act::stall) {
             // Reads nothing more until the peer has closed its side.
-            readable(fd, until, stop_, POLLRDHUP);
+            pollfd hangup{fd, POLLRDHUP, 0};
+            ::poll(&hangup, 1, bound.tv_sec * 1000);
             break;
         }
         for (std::size_t i = 0; i < step.pieces.size(); ++i) {
@@ -219,7 +198,7 @@ void ScriptedRelay::run() {
             ::send(fd, step.pieces[i].data(), step.pieces[i].size(), MSG_NOSIGNAL);
         }
     }
-    while (open && receive(fd)) {
+    while (open && receive()) {
     }
     ::close(fd);
 }

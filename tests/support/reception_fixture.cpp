@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <latch>
 #include <mutex>
 #include <thread>
@@ -38,28 +36,9 @@ int ReceptionFixture::start() const {
     return SMTPRecvInit(spool_.c_str());
 }
 
-std::unique_ptr<SmtpTestClient> ReceptionFixture::connect(std::string* greeting) const {
-    auto client = std::make_unique<SmtpTestClient>(port_);
-    const std::string text = client->read_reply();
-    if (greeting != nullptr) *greeting = text;
-    EXPECT_EQ(text.substr(0, 4), "220 ") << text;
-    return client;
-}
-
-std::vector<std::string> ReceptionFixture::spool_files(std::string_view suffix) const {
-    std::vector<std::string> found;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(spool_, error))
-        if (entry.is_regular_file() && entry.path().filename().string().ends_with(suffix))
-            found.push_back(entry.path().string());
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
 std::string body_behind_trace_headers(const std::string& file_text) {
-    const std::size_t first = file_text.find("\r\n");
-    const std::size_t second =
-        first == std::string::npos ? first : file_text.find("\r\n", first + 2);
+    // With no first line end, the search for the second starts at 1.
+    const std::size_t second = file_text.find("\r\n", file_text.find("\r\n") + 2);
     return second == std::string::npos ? file_text : file_text.substr(second + 2);
 }
 
@@ -103,15 +82,9 @@ bool wait_for(const std::function<bool()>& done, int seconds) {
 }
 
 std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
-    std::optional<LoggedEvent> found;
-    wait_for(
-        [&] {
-            const auto events = events_with_id(id);
-            if (!events.empty()) found = events.front();
-            return found.has_value();
-        },
-        seconds);
-    return found;
+    std::vector<LoggedEvent> found;
+    wait_for([&] { return !(found = events_with_id(id)).empty(); }, seconds);
+    return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
 }  // namespace qbsmtp::test

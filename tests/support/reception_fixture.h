@@ -7,7 +7,11 @@
 // spool directory inside the prefix.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,10 +46,24 @@ class ReceptionFixture {
     // Waits until no session thread runs (each has made its last report).
     void wait_idle() const;
     // A connected client that has read the greeting (into greeting).
-    std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const;
+    std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const {
+        auto client = std::make_unique<SmtpTestClient>(port_);
+        const std::string text = client->read_reply();
+        EXPECT_EQ(text.substr(0, 4), "220 ") << text;
+        if (greeting != nullptr) *greeting = text;
+        return client;
+    }
     // Full paths of the files in the spool directory (not below it) whose
     // names end in suffix, sorted.
-    std::vector<std::string> spool_files(std::string_view suffix) const;
+    std::vector<std::string> spool_files(std::string_view suffix) const {
+        std::vector<std::string> found;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(spool_, error))
+            if (entry.is_regular_file() && entry.path().filename().string().ends_with(suffix))
+                found.push_back(entry.path().string());
+        std::sort(found.begin(), found.end());
+        return found;
+    }
 
   private:
     TempPrefix prefix_;

@@ -38,9 +38,6 @@ class SmtpTestClient {
     void shutdown_write();
     void close();
 
-    // Seconds a read waits before it gives up.
-    static constexpr int read_timeout_seconds = 20;
-
   private:
     int fd_ = -1;
     std::string pending_;  // received, not yet handed out
