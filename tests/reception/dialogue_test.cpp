@@ -41,8 +41,6 @@
 namespace qbsmtp::test {
 namespace {
 
-namespace fs = std::filesystem;
-
 // Spool names rxNNNNNN as rx#1, rx#2 ... in the order of their numbers,
 // which count up from a start drawn at random (and may wrap at a million).
 void label_spool_names(std::initializer_list<std::vector<std::string>*> lists) {
@@ -134,9 +132,9 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
 
     std::vector<std::string> events = event_lines(module.spool(), "SPOOL");
     std::vector<std::string> names, contents;
-    for (const auto& entry : fs::recursive_directory_iterator(module.spool())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(module.spool())) {
         if (!entry.is_regular_file()) continue;
-        names.push_back(fs::relative(entry.path(), module.spool()).string());
+        names.push_back(std::filesystem::relative(entry.path(), module.spool()).string());
         contents.push_back(read_file(entry.path().string()));
     }
     label_spool_names({&names, &events});
