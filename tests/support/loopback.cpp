@@ -108,6 +108,12 @@ std::string SmtpTestClient::read_to_close() {
     return bytes;
 }
 
+void SmtpTestClient::reset() {
+    const linger hard{1, 0};
+    if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    close();
+}
+
 bool SmtpTestClient::silent_for(int milliseconds) {
     if (!pending_.empty()) return false;
     pollfd watch{fd_, POLLIN, 0};
