@@ -28,9 +28,10 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <map>
+#include <regex>
+#include <set>
 
 #include "platform/os_fault.h"
 #include "qbsmtp/qbsmtp.h"
@@ -40,49 +41,28 @@
 namespace qbsmtp::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-const std::map<std::string, os::Op> fault_ops = {
-    {"CreateFileA", os::Op::CreateFileA},
-    {"WriteFile", os::Op::WriteFile},
-    {"ReadFile", os::Op::ReadFile},
-    {"FlushFileBuffers", os::Op::FlushFileBuffers},
-    {"CopyFileA", os::Op::CopyFileA},
-    {"MoveFileA", os::Op::MoveFileA},
-    {"DeleteFileA", os::Op::DeleteFileA},
-    {"CreateDirectoryA", os::Op::CreateDirectoryA},
-    {"send", os::Op::send},
-    {"recv", os::Op::recv},
-    {"GetTimeZoneInformation", os::Op::GetTimeZoneInformation},
-};
-
 // Spool names rxNNNNNN as rx#1, rx#2 ... in the order of their numbers,
 // which count up from a start drawn at random (and may wrap at a million).
-void label_spool_names(std::vector<std::string*> texts) {
+void label_spool_names(std::initializer_list<std::vector<std::string>*> lists) {
+    const std::regex name("rx(\\d{6})");
     std::vector<long> numbers;
-    const auto each_name = [&](const std::function<void(std::string&, std::size_t)>& act) {
-        for (std::string* text : texts)
-            for (std::size_t at = 0; (at = text->find("rx", at)) != std::string::npos; at += 2)
-                if (at + 8 <= text->size() &&
-                    std::all_of(text->begin() + at + 2, text->begin() + at + 8, ::isdigit))
-                    act(*text, at);
-    };
-    each_name([&](std::string& text, std::size_t at) {
-        numbers.push_back(std::stol(text.substr(at + 2, 6)));
-    });
-    const bool wrapped =
-        !numbers.empty() && *std::max_element(numbers.begin(), numbers.end()) -
-                                    *std::min_element(numbers.begin(), numbers.end()) >
-                                500000;
-    for (long& n : numbers) n += wrapped && n < 500000 ? 1000000 : 0;
-    std::sort(numbers.begin(), numbers.end());
-    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-    each_name([&](std::string& text, std::size_t at) {
-        long n = std::stol(text.substr(at + 2, 6));
-        n += wrapped && n < 500000 ? 1000000 : 0;
-        const auto index = std::lower_bound(numbers.begin(), numbers.end(), n) - numbers.begin();
-        text.replace(at, 8, "rx#" + std::to_string(index + 1));
-    });
+    for (const auto* list : lists)
+        for (const std::string& text : *list)
+            for (std::sregex_iterator m(text.begin(), text.end(), name), end; m != end; ++m)
+                numbers.push_back(std::stol((*m)[1]));
+    const auto [low, high] = std::minmax_element(numbers.begin(), numbers.end());
+    const long wrap = !numbers.empty() && *high - *low > 500000 ? 500000 : 0;
+    std::set<long> order;
+    for (long& n : numbers) order.insert(n += n < wrap ? 1000000 : 0);
+    auto number = numbers.begin();
+    for (auto* list : lists)
+        for (std::string& text : *list)
+            for (std::size_t at = 0; (at = text.find("rx", at)) != std::string::npos; at += 2)
+                if (std::regex_match(text.substr(at, 8), name))
+                    text.replace(
+                        at, 8,
+                        "rx#" + std::to_string(std::distance(order.begin(), order.find(*number++)) +
+                                               1));
 }
 
 class Dialogue : public ::testing::TestWithParam<std::string> {};
@@ -101,14 +81,12 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
     for (const TranscriptLine& line : lines)
         if (line.tag == "mask") SMTPSetLogging(std::stoul(line.text, nullptr, 16));
     std::map<std::string, std::string> expected_files;
-    std::vector<TranscriptLine> expected_events;
+    std::vector<std::string> expected_events;
     std::string* file = nullptr;
     auto client = std::make_unique<SmtpTestClient>(module.port());
     std::string pending;  // client lines not sent yet
     const auto flush = [&] {
-        if (!pending.empty()) {
-            EXPECT_TRUE(client->send(pending));
-        }
+        EXPECT_TRUE(pending.empty() || client->send(pending));
         pending.clear();
     };
     const auto end_connection = [&] {
@@ -134,12 +112,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
             client = std::make_unique<SmtpTestClient>(module.port());
         } else if (line.tag == "fault") {
             flush();
-            char op[40] = {}, always[8] = {};
-            unsigned nth = 0, error = 0;
-            ASSERT_GE(std::sscanf(line.text.c_str(), "%39s %u %u %7s", op, &nth, &error, always),
-                      3);
-            ASSERT_EQ(fault_ops.count(op), 1u) << "no such operation here";
-            os::fault_arm(fault_ops.at(op), nth, error, std::string(always) == "always");
+            arm_fault(line.text);
         } else if (line.tag == "nofault") {
             flush();
             os::fault_clear();
@@ -149,7 +122,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
             ASSERT_NE(file, nullptr) << "F line before any file line";
             *file += line.text + "\\r\\n";
         } else if (line.tag == "event") {
-            expected_events.push_back(line);
+            expected_events.push_back(line.text);
         }
     }
     end_connection();
@@ -157,38 +130,23 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
     os::fault_clear();
     const std::time_t to = std::time(nullptr);
 
-    std::vector<std::string> events = event_lines();
-    std::vector<std::string> names, paths;
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(module.spool())) {
+    std::vector<std::string> events = event_lines(module.spool(), "SPOOL");
+    std::vector<std::string> names, contents;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(module.spool())) {
         if (!entry.is_regular_file()) continue;
-        names.push_back(fs::relative(entry.path(), module.spool()).string());
-        paths.push_back(entry.path().string());
+        names.push_back(std::filesystem::relative(entry.path(), module.spool()).string());
+        contents.push_back(read_file(entry.path().string()));
     }
-    std::vector<std::string*> texts;
-    for (std::string& name : names) texts.push_back(&name);
-    for (std::string& event : events) {
-        for (std::size_t at; (at = event.find(module.spool())) != std::string::npos;)
-            event.replace(at, module.spool().size(), "SPOOL");
-        texts.push_back(&event);
-    }
-    label_spool_names(texts);
-    for (std::size_t i = 0; i < names.size(); ++i) files[names[i]] = read_file(paths[i]);
-
-    for (const auto& [name, content] : files) {
-        SCOPED_TRACE("file " + name);
-        ASSERT_EQ(expected_files.count(name), 1u) << "a file nobody expected";
+    label_spool_names({&names, &events});
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        SCOPED_TRACE("file " + names[i]);
+        ASSERT_EQ(expected_files.count(names[i]), 1u) << "a file nobody expected";
         // The last line of a file has no CR LF of its own.
-        const std::string& expected = expected_files[name];
-        EXPECT_EQ(difference(expected.substr(0, expected.size() - 4), content, from, to), "");
+        const std::string& expected = expected_files[names[i]];
+        EXPECT_EQ(difference(expected.substr(0, expected.size() - 4), contents[i], from, to), "");
     }
-    EXPECT_EQ(files.size(), expected_files.size()) << "files expected but absent";
-    for (std::size_t i = 0; i < std::max(events.size(), expected_events.size()); ++i) {
-        ASSERT_LT(i, expected_events.size()) << "an event nobody expected: " << events[i];
-        SCOPED_TRACE("line " + std::to_string(expected_events[i].number));
-        ASSERT_LT(i, events.size()) << "an event expected but absent";
-        EXPECT_EQ(difference(expected_events[i].text, events[i], from, to), "");
-    }
+    EXPECT_EQ(names.size(), expected_files.size()) << "files expected but absent";
+    expect_events(expected_events, events, from, to);
 }
 
 INSTANTIATE_TEST_SUITE_P(Data, Dialogue,

@@ -4,12 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
-#include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <latch>
 #include <mutex>
 #include <thread>
@@ -17,42 +12,23 @@
 #include "frame/module_state.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/smtp_session.h"
-#include "support/port_holder.h"
 
 namespace qbsmtp::test {
-
-namespace {
-
-// Waits, up to seconds, for done to hold.
-bool wait_until(const std::function<bool()>& done, int seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-}  // namespace
 
 ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
     : port_(free_tcp_port()), spool_(prefix_.file("spool")) {
     ::setenv("QBSMTP_NO_SYSLOG", "1", 1);  // events.jsonl is enough
-    std::ofstream(prefix_.file("services")) << "smtp " << port_ << "/tcp\n";
-    std::ofstream(prefix_.file("registry.reg"))
-        << "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"
-        << "\"HostName\"=\"" << test_host_name << "\"\n"
-        << settings << "\n";
+    prefix_.write("services", "smtp " + std::to_string(port_) + "/tcp\n");
+    prefix_.write("registry.reg",
+                  "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"
+                  "\"HostName\"=\"" +
+                      std::string(test_host_name) + "\"\n" + std::string(settings) + "\n");
     process_attach(nullptr);
     if (start_now && start() != 1) ADD_FAILURE() << "SMTPRecvInit failed";
 }
 
-ReceptionFixture::~ReceptionFixture() {
-    wait_idle();
-}
-
 void ReceptionFixture::wait_idle() const {
-    EXPECT_TRUE(wait_until([] { return sessions_running.load() == 0; }, 30))
+    EXPECT_TRUE(wait_for([] { return sessions_running.load() == 0; }, 30))
         << "sessions still running";
 }
 
@@ -60,28 +36,9 @@ int ReceptionFixture::start() const {
     return SMTPRecvInit(spool_.c_str());
 }
 
-std::unique_ptr<SmtpTestClient> ReceptionFixture::connect(std::string* greeting) const {
-    auto client = std::make_unique<SmtpTestClient>(port_);
-    const std::string text = client->read_reply();
-    if (greeting != nullptr) *greeting = text;
-    EXPECT_EQ(text.substr(0, 4), "220 ") << text;
-    return client;
-}
-
-std::vector<std::string> ReceptionFixture::spool_files(std::string_view suffix) const {
-    std::vector<std::string> found;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(spool_, error))
-        if (entry.is_regular_file() && entry.path().filename().string().ends_with(suffix))
-            found.push_back(entry.path().string());
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
 std::string body_behind_trace_headers(const std::string& file_text) {
-    const std::size_t first = file_text.find("\r\n");
-    const std::size_t second =
-        first == std::string::npos ? first : file_text.find("\r\n", first + 2);
+    // With no first line end, the search for the second starts at 1.
+    const std::size_t second = file_text.find("\r\n", file_text.find("\r\n") + 2);
     return second == std::string::npos ? file_text : file_text.substr(second + 2);
 }
 
@@ -89,7 +46,7 @@ void run_clients_together(std::uint16_t port, int count,
                           const std::function<void(SmtpTestClient&, int)>& session) {
     std::mutex dialling;
     std::latch all_greeted(count);
-    std::vector<std::thread> clients;
+    std::vector<std::jthread> clients;
     for (int c = 0; c < count; ++c) {
         clients.emplace_back([&, c] {
             std::unique_lock<std::mutex> one_at_a_time(dialling);
@@ -100,7 +57,6 @@ void run_clients_together(std::uint16_t port, int count,
             if (greeted) session(client, c);
         });
     }
-    for (auto& t : clients) t.join();
 }
 
 std::string transmit(SmtpTestClient& client, std::string_view text, std::string_view helo,
@@ -116,20 +72,19 @@ std::string transmit(SmtpTestClient& client, std::string_view text, std::string_
     return client.read_reply();
 }
 
-std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
-    std::optional<LoggedEvent> found;
-    wait_until(
-        [&] {
-            const auto events = events_with_id(id);
-            if (!events.empty()) found = events.front();
-            return found.has_value();
-        },
-        seconds);
-    return found;
+bool wait_for(const std::function<bool()>& done, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
-std::size_t count_events(std::uint32_t id) {
-    return events_with_id(id).size();
+std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds) {
+    std::vector<LoggedEvent> found;
+    wait_for([&] { return !(found = events_with_id(id)).empty(); }, seconds);
+    return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
 }  // namespace qbsmtp::test

@@ -7,7 +7,11 @@
 // spool directory inside the prefix.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -30,7 +34,7 @@ class ReceptionFixture {
     explicit ReceptionFixture(std::string_view settings = {}, bool start = true);
     // Waits for the session threads, so that none still reads the module's
     // texts when the process destroys them.
-    ~ReceptionFixture();
+    ~ReceptionFixture() { wait_idle(); }
     ReceptionFixture(const ReceptionFixture&) = delete;
     ReceptionFixture& operator=(const ReceptionFixture&) = delete;
 
@@ -41,13 +45,25 @@ class ReceptionFixture {
     int start() const;
     // Waits until no session thread runs (each has made its last report).
     void wait_idle() const;
-
     // A connected client that has read the greeting (into greeting).
-    std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const;
-
+    std::unique_ptr<SmtpTestClient> connect(std::string* greeting = nullptr) const {
+        auto client = std::make_unique<SmtpTestClient>(port_);
+        const std::string text = client->read_reply();
+        EXPECT_EQ(text.substr(0, 4), "220 ") << text;
+        if (greeting != nullptr) *greeting = text;
+        return client;
+    }
     // Full paths of the files in the spool directory (not below it) whose
     // names end in suffix, sorted.
-    std::vector<std::string> spool_files(std::string_view suffix) const;
+    std::vector<std::string> spool_files(std::string_view suffix) const {
+        std::vector<std::string> found;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(spool_, error))
+            if (entry.is_regular_file() && entry.path().filename().string().ends_with(suffix))
+                found.push_back(entry.path().string());
+        std::sort(found.begin(), found.end());
+        return found;
+    }
 
   private:
     TempPrefix prefix_;
@@ -77,9 +93,10 @@ std::string transmit(SmtpTestClient& client, std::string_view text,
 void run_clients_together(std::uint16_t port, int count,
                           const std::function<void(SmtpTestClient&, int)>& session);
 
-// The first event with id, waiting for it up to seconds: the listener's
-// reports come from a thread that tells the test nothing else.
+// Waits, up to seconds, until done() holds (the module's threads tell the
+// test nothing else); false if it never did.
+bool wait_for(const std::function<bool()>& done, int seconds = 10);
+// The first event with id, waited for as above.
 std::optional<LoggedEvent> wait_for_event(std::uint32_t id, int seconds = 10);
-std::size_t count_events(std::uint32_t id);
 
 }  // namespace qbsmtp::test

@@ -5,14 +5,12 @@
 // steps: each waits until so many lines (CR LF) have come in all, then
 // sends its pieces (one send each), or closes, or goes silent, or stalls
 // (stops reading until the peer closes). It keeps every byte received up
-// to the peer's close. Plain POSIX sockets, so the module's fault seam
-// never sees them; every wait is bounded.
+// to the peer's close. Plain POSIX sockets (in loopback.cpp), so the
+// module's fault seam never sees them; every wait is bounded.
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,30 +28,29 @@ class ScriptedRelay {
 
     // port 0: one the system chooses.
     explicit ScriptedRelay(std::vector<Step> script, std::uint16_t port = 0);
-    ~ScriptedRelay();
+    ~ScriptedRelay() { stop(); }
     ScriptedRelay(const ScriptedRelay&) = delete;
     ScriptedRelay& operator=(const ScriptedRelay&) = delete;
 
     bool listening() const { return port_ != 0; }
     std::uint16_t port() const { return port_; }
     // Waits until the peer has closed (or the bound ran out); all it sent.
-    std::string received();
+    std::string received() {
+        if (thread_.joinable()) thread_.join();
+        return bytes_;
+    }
     // Stops waiting for a connection; connections accepted (0 or 1).
     int stop();
 
   private:
     void run();
-    bool receive(int fd);  // false at the peer's close, an error, the bound or a stop
 
     std::vector<Step> script_;
     int listen_fd_ = -1;
     std::uint16_t port_ = 0;
-    std::atomic<bool> stop_{false};
     std::atomic<int> connections_{0};
     std::thread thread_;
-    std::mutex mutex_;
-    std::string bytes_;
-    std::size_t lines_ = 0;
+    std::string bytes_;  // the thread's until it ends
 };
 
 }  // namespace qbsmtp::test

@@ -1,11 +1,14 @@
-// smtp_test_client.h: a loopback SMTP peer for the tests.
+// smtp_test_client.h: a loopback SMTP client for the tests, and the SMTP
+// port held by something that does not serve it.
 //
-// Built on plain POSIX sockets, not on the module's platform layer, so a
-// fault armed for the module never hits the test's own traffic. Every
-// read is bounded by a time-out, so a test fails instead of hanging.
+// Built on plain POSIX sockets (in loopback.cpp), not on the module's
+// platform layer, so a fault armed for the module never hits the test's
+// own traffic. Every read is bounded by a time-out, so a test fails
+// instead of hanging.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -16,7 +19,7 @@ class SmtpTestClient {
     // Connects to 127.0.0.1:port; while nothing listens yet (the listener
     // binds on its own thread) it tries again, for up to connect_seconds.
     explicit SmtpTestClient(std::uint16_t port, int connect_seconds = 10);
-    ~SmtpTestClient();
+    ~SmtpTestClient() { close(); }
     SmtpTestClient(const SmtpTestClient&) = delete;
     SmtpTestClient& operator=(const SmtpTestClient&) = delete;
 
@@ -39,12 +42,19 @@ class SmtpTestClient {
     // Ends the connection with a reset instead of an orderly close.
     void reset();
 
-    // Seconds a read waits before it gives up.
-    static constexpr int read_timeout_seconds = 20;
-
   private:
     int fd_ = -1;
     std::string pending_;  // received, not yet handed out
 };
+
+// A TCP port on which nothing is bound now, outside the ephemeral range.
+std::uint16_t free_tcp_port();
+
+// Holds port without serving it, as long as the handle lives: a socket
+// bound to it with SO_REUSEADDR that never listens; or with time_wait, an
+// end of a loopback connection to it left waiting by the system (its
+// listening side, with SO_REUSEADDR as a server's, closed first). Null if
+// that could not be set up.
+std::shared_ptr<void> hold_port(std::uint16_t port, bool time_wait);
 
 }  // namespace qbsmtp::test

@@ -2,48 +2,25 @@
 
 #include "support/transcript.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
+#include "platform/os_fault.h"
 #include "support/event_log.h"
 
 namespace qbsmtp::test {
 
 namespace {
 
-constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-// One piece of a text: bytes, or a placeholder ("n", "time", ...).
+// Bytes, then maybe a placeholder ("n", "time", ...).
 struct Piece {
-    std::string bytes;
-    std::string placeholder;
+    std::string bytes, placeholder;
 };
-
-// Decodes one byte at text[i] (an escape or a plain byte), advancing i.
-char decode_byte(std::string_view text, std::size_t& i) {
-    if (text[i] != '\\' || i + 1 >= text.size()) return text[i++];
-    const char c = text[i + 1];
-    i += 2;
-    switch (c) {
-        case 'r':
-            return '\r';
-        case 'n':
-            return '\n';
-        case 't':
-            return '\t';
-        case '0':
-            return '\0';
-        case 'x':
-            i += 2;
-            return static_cast<char>(std::stoi(std::string(text.substr(i - 2, 2)), nullptr, 16));
-        default:
-            return c;
-    }
-}
 
 std::vector<Piece> parse(std::string_view text) {
     std::vector<Piece> pieces(1);
@@ -61,7 +38,7 @@ std::vector<Piece> parse(std::string_view text) {
         if (at < inside.size() && inside[at] == '*') {
             pieces.back().bytes.append(std::stoul(std::string(inside.substr(at + 1))), byte);
         } else {
-            pieces.push_back({"", std::string(inside)});
+            pieces.back().placeholder = inside;
             pieces.emplace_back();
         }
         i = close + 1;
@@ -73,31 +50,12 @@ std::string local_time(std::time_t t, const char* format) {
     std::tm at{};
     localtime_r(&t, &at);
     char text[64];
-    if (format == nullptr) {
-        std::snprintf(text, sizeof text, "%d %s %02d %02d:%02d:%02d", at.tm_mday, months[at.tm_mon],
-                      at.tm_year % 100, at.tm_hour, at.tm_min, at.tm_sec);
-    } else {
-        std::snprintf(text, sizeof text, format, at.tm_year + 1900, at.tm_mon + 1, at.tm_mday,
-                      at.tm_hour, at.tm_min, at.tm_sec);
-    }
-    return text;
+    return std::string(text, std::strftime(text, sizeof text, format, &at));
 }
 
+// The start of bytes (gtest shows its control bytes escaped).
 std::string show(std::string_view bytes) {
-    std::string shown;
-    for (const char c : bytes.substr(0, 60)) {
-        if (c == '\r')
-            shown += "\\r";
-        else if (c == '\n')
-            shown += "\\n";
-        else if (static_cast<unsigned char>(c) < 32 || static_cast<unsigned char>(c) > 126) {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
-            shown += hex;
-        } else
-            shown += c;
-    }
-    return "\"" + shown + (bytes.size() > 60 ? "\"..." : "\"");
+    return "\"" + std::string(bytes.substr(0, 60)) + (bytes.size() > 60 ? "\"..." : "\"");
 }
 
 }  // namespace
@@ -115,16 +73,27 @@ std::vector<TranscriptLine> read_transcript(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {
-        if (line.empty() || line[0] == '#') continue;
-        const std::size_t space = line.find(' ');
-        lines.push_back({line.substr(0, space),
-                         space == std::string::npos ? "" : line.substr(space + 1), number});
+        const std::size_t space = std::min(line.find(' '), line.size());
+        if (!line.empty() && line[0] != '#')
+            lines.push_back(
+                {line.substr(0, space), line.substr(std::min(space + 1, line.size())), number});
     }
     return lines;
 }
 
 std::string transcript_name(const std::string& path) {
     return std::filesystem::path(path).stem().string();
+}
+
+char decode_byte(std::string_view text, std::size_t& i) {
+    if (text[i] != '\\' || i + 1 >= text.size()) return text[i++];
+    i += 2;
+    const std::size_t known = std::string_view("rnt0x").find(text[i - 1]);
+    if (known == 4) {
+        i += 2;
+        return static_cast<char>(std::stoi(std::string(text.substr(i - 2, 2)), nullptr, 16));
+    }
+    return known == std::string_view::npos ? text[i - 1] : "\r\n\t\0"[known];
 }
 
 std::string decode(std::string_view text) {
@@ -142,57 +111,78 @@ std::string difference(std::string_view expected, std::string_view actual, std::
     std::size_t at = 0;
     std::time_t clock = -1;  // the reading that the last {time} showed
     for (const Piece& piece : parse(expected)) {
-        if (actual.substr(at, piece.bytes.size()) != piece.bytes) {
-            std::size_t same = 0;
-            while (at + same < actual.size() && same < piece.bytes.size() &&
-                   actual[at + same] == piece.bytes[same])
-                ++same;
+        std::string_view rest = actual.substr(at);
+        if (!rest.starts_with(piece.bytes)) {
+            std::size_t same = 0;  // a byte differs before the end of piece.bytes
+            while (same < rest.size() && rest[same] == piece.bytes[same]) ++same;
             return "at byte " + std::to_string(at + same) + ": expected " +
-                   show(std::string_view(piece.bytes).substr(same)) + ", got " +
-                   show(actual.substr(at + same));
+                   show(piece.bytes.substr(same)) + ", got " + show(rest.substr(same));
         }
+        rest.remove_prefix(piece.bytes.size());
         at += piece.bytes.size();
         const std::string& p = piece.placeholder;
         std::string found;
-        if (p == "rest") {
-            return {};
-        } else if (p == "n") {
-            while (at + found.size() < actual.size() &&
-                   std::isdigit(static_cast<unsigned char>(actual[at + found.size()])))
-                found += actual[at + found.size()];
-        } else if (p == "time") {
-            for (std::time_t t = from - 1; t <= to + 1 && found.empty(); ++t)
-                if (actual.substr(at).starts_with(local_time(t, nullptr))) {
-                    found = local_time(t, nullptr);
-                    clock = t;
-                }
-        } else if (p == "boundary" && clock != -1) {
-            const std::string boundary = local_time(clock, "QBsmtp-part-%04d%02d%02d-%02d%02d%02d");
-            if (actual.substr(at).starts_with(boundary)) found = boundary;
-        } else if (!p.empty()) {
-            return "unknown placeholder {" + p + "}";
-        }
+        if (p == "rest") return {};
+        if (p == "n") found = rest.substr(0, rest.find_first_not_of("0123456789"));
+        for (std::time_t t = from - 1; p == "time" && t <= to + 1 && found.empty(); ++t)
+            if (rest.starts_with(local_time(t, "%-d %b %y %H:%M:%S")))
+                found = local_time(clock = t, "%-d %b %y %H:%M:%S");
+        const std::string boundary = local_time(clock, "QBsmtp-part-%Y%m%d-%H%M%S");
+        if (p == "boundary" && clock != -1 && rest.starts_with(boundary)) found = boundary;
         if (!p.empty() && found.empty())
-            return "at byte " + std::to_string(at) + ": no {" + p + "} in " +
-                   show(actual.substr(at));
+            return "at byte " + std::to_string(at) + ": no {" + p + "} in " + show(rest);
         at += found.size();
     }
     if (at != actual.size()) return "unexpected bytes at the end: " + show(actual.substr(at));
     return {};
 }
 
-std::vector<std::string> event_lines() {
+std::vector<std::string> event_lines(const std::string& path, const std::string& token) {
     std::vector<std::string> lines;
     for (const LoggedEvent& event : read_events()) {
         if (event.id == 0x400051A3) continue;  // debug texts
-        char id[16];
-        std::snprintf(id, sizeof id, "0x%08X", static_cast<unsigned>(event.id));
-        std::string line = id;
-        for (std::size_t i = 0; i < event.strings.size(); ++i)
-            line += (i == 0 ? " " : " | ") + event.strings[i];
+        char line[16];
+        std::snprintf(line, sizeof line, "0x%08X", static_cast<unsigned>(event.id));
         lines.push_back(line);
+        for (std::size_t i = 0; i < event.strings.size(); ++i)
+            lines.back() += (i == 0 ? " " : " | ") + event.strings[i];
+        for (std::size_t at; !path.empty() && (at = lines.back().find(path)) != std::string::npos;)
+            lines.back().replace(at, path.size(), token);
     }
     return lines;
+}
+
+void expect_events(const std::vector<std::string>& expected, const std::vector<std::string>& got,
+                   std::time_t from, std::time_t to) {
+    for (std::size_t i = 0; i < std::max(got.size(), expected.size()); ++i) {
+        ASSERT_LT(i, expected.size()) << "an event nobody expected: " << got[i];
+        ASSERT_LT(i, got.size()) << "an event expected but absent: " << expected[i];
+        EXPECT_EQ(difference(expected[i], got[i], from, to), "");
+    }
+}
+
+void arm_fault(const std::string& text) {
+    // The operations of os::Op, in its order.
+    static const std::string ops =
+        " BeginThread LocalAlloc CreateFileA ReadFile WriteFile SetFilePointerEx GetFileSizeEx"
+        " FlushFileBuffers CloseHandle CopyFileA MoveFileA DeleteFileA CreateDirectoryA"
+        " GetFileAttributesA FindFirstFileA FindNextFileA RegOpenKeyExA RegCreateKeyExA"
+        " RegQueryValueExA RegSetValueExA RegEnumKeyExA RegisterEventSourceA ReportEventA"
+        " FormatMessageA LoadStringA LoadLibraryA WSAStartup gethostname gethostbyname"
+        " getservbyname socket bind setsockopt listen accept connect recv send"
+        " GetTimeZoneInformation SystemTimeToFileTime ";
+    std::istringstream in(text);
+    std::string op, always;
+    unsigned nth = 0, error = 0;
+    ASSERT_TRUE(in >> op >> nth >> error) << "not OP N ERROR [always]: " << text;
+    in >> always;
+    const std::size_t at = ops.find(" " + op + " ");
+    ASSERT_NE(at, std::string::npos) << "no operation " << op;
+    const auto index =
+        std::count(ops.begin(), ops.begin() + static_cast<std::ptrdiff_t>(at) + 1, ' ') - 1;
+    ASSERT_EQ(std::count(ops.begin(), ops.end(), ' ') - 1,
+              static_cast<std::ptrdiff_t>(os::Op::Count));
+    os::fault_arm(static_cast<os::Op>(index), nth, error, always == "always");
 }
 
 }  // namespace qbsmtp::test

@@ -3,7 +3,7 @@
 // what a case expects.
 //
 // A case is lines "TAG text": the tag says what the line is, the text
-// carries bytes with C escapes (\r \n \t \\ \xHH \{) and repetitions
+// carries bytes with C escapes (\r \n \t \0 \\ \xHH \{) and repetitions
 // ({c*N}: N times the byte c, itself maybe an escape). Lines starting with
 // '#' and blank lines are notes. An expected text may hold placeholders for
 // what varies from run to run: {n} (decimal digits), {time} (a local time
@@ -31,6 +31,8 @@ std::vector<TranscriptLine> read_transcript(const std::string& path);
 // "NAME" of ".../NAME.txt", for test names.
 std::string transcript_name(const std::string& path);
 
+// The byte that text[i] (an escape or a plain byte) stands for; i moves on.
+char decode_byte(std::string_view text, std::size_t& i);
 // The bytes of a text without placeholders.
 std::string decode(std::string_view text);
 
@@ -40,7 +42,14 @@ std::string difference(std::string_view expected, std::string_view actual, std::
                        std::time_t to);
 
 // The events logged so far, one line each: the id as 0xXXXXXXXX and the
-// insertion strings joined by " | ". Debug texts are left out.
-std::vector<std::string> event_lines();
+// insertion strings joined by " | ", with `path` shown as `token`. Debug
+// texts are left out.
+std::vector<std::string> event_lines(const std::string& path = {}, const std::string& token = {});
+// Checks the events logged against the expected lines, in order.
+void expect_events(const std::vector<std::string>& expected, const std::vector<std::string>& got,
+                   std::time_t from, std::time_t to);
+
+// Arms the fault that "OP N ERROR [always]" describes (see os::fault_arm).
+void arm_fault(const std::string& text);
 
 }  // namespace qbsmtp::test
