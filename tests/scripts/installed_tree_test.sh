@@ -19,6 +19,11 @@ pc=$(find "$root" -name qbsmtp.pc)
 for file in "$HOST" "$module" "$root/include/qbsmtp/qbsmtp.h" "$unit" "$pc"; do
   [ -f "$file" ] || fail "not installed: the host, the module, the header, the unit or qbsmtp.pc"
 done
+# A man page for the host and one for each subcommand its help lists; the completion.
+for page in qbsmtp-host $("$HOST" --help | awk '/^Subcommands:/ { s = 1; next } s && NF { print "qbsmtp-host-" $1 }'); do
+  [ -f "$root/share/man/man1/$page.1" ] || fail "no man page $page.1"
+done
+[ -f "$root/share/bash-completion/completions/qbsmtp-host" ] || fail "no bash completion"
 grep -qx "ExecStart=$root/bin/qbsmtp-host serve" "$unit" || fail "unit runs $(grep ExecStart "$unit")"
 
 # pkg-config names the installed module, wherever the tree was put.
