@@ -46,7 +46,7 @@ constinit std::atomic<int> listener_running{0};
 constinit std::uint32_t session_timeout = 300;
 constinit std::uint32_t send_timeout = 0;
 constinit std::uint32_t probe_timeout = 30;
-constinit std::uint32_t listen_backlog = 5;
+constinit std::uint32_t listen_backlog = 0;
 constinit std::uint32_t spool_sync = 1;
 
 namespace {
@@ -65,7 +65,7 @@ const DwordSetting dword_settings[] = {
     {"SessionTimeout", &session_timeout, 300},
     {"SendTimeout", &send_timeout, 0},
     {"ProbeTimeout", &probe_timeout, 30},
-    {"ListenBacklog", &listen_backlog, 5},
+    {"ListenBacklog", &listen_backlog, 0},
     {"SpoolSync", &spool_sync, 1},
 };
 

@@ -37,7 +37,7 @@ extern std::atomic<int> listener_running;
 extern std::uint32_t session_timeout;  // SessionTimeout, default 300
 extern std::uint32_t send_timeout;     // SendTimeout, 0 (absent): the RFC 5321 client defaults
 extern std::uint32_t probe_timeout;    // ProbeTimeout, default 30
-// ListenBacklog: the listening socket's queue, default (and for 0) 5.
+// ListenBacklog: the listening socket's queue; 0 (the default): the system's longest.
 extern std::uint32_t listen_backlog;
 // SpoolSync, default 1: an accepted spool file is on the disk before its
 // 250, and so is its rename to .822. 0 leaves that to the system (a spool

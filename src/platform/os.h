@@ -159,6 +159,11 @@ int closesocket(SOCKET s);
 // The local address a socket is bound to (useful after binding port 0).
 int getsockname(SOCKET s, sockaddr* address, int* length);
 
+// The longest listen queue to ask for: Winsock 2's SOMAXCONN. The system
+// gives its own maximum for it (Linux cuts a larger backlog down to
+// net.core.somaxconn).
+inline constexpr int listen_queue_maximum = 0x7FFFFFFF;
+
 // Whether a listening socket takes SO_REUSEADDR before its first bind. A
 // POSIX bind is refused while TIME_WAIT ends of the port's earlier
 // connections remain, unless the socket that left them had the option too;

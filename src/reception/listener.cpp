@@ -19,7 +19,6 @@ namespace qbsmtp {
 
 namespace {
 
-constexpr int default_listen_backlog = 5;
 constexpr std::size_t error_text_size = 200;
 
 // Closes the listening socket, then reports id with the text of the
@@ -33,12 +32,12 @@ int close_and_report(os::SOCKET socket, std::uint32_t id) {
     return event_reporter.report(id, winsock_error_text(text, sizeof text));
 }
 
-// The listen queue: 5 unless the settings ask for more. With 5, many
-// clients connecting at once overflow it, and on Linux each dropped
-// attempt costs its client a retransmission (1 s, then 3 s).
+// The listen queue: the system's longest unless the settings name a length.
+// A short queue overflows when many clients connect at once, and on Linux
+// each dropped attempt costs its client a retransmission (1 s, then 3 s).
 int queue_length() {
-    if (listen_backlog == 0) return default_listen_backlog;
-    return static_cast<int>(std::min<std::uint32_t>(listen_backlog, 0x7FFFFFFF));
+    if (listen_backlog == 0) return os::listen_queue_maximum;
+    return static_cast<int>(std::min<std::uint32_t>(listen_backlog, os::listen_queue_maximum));
 }
 
 // Clears listener_running on every way out of the listener thread.
