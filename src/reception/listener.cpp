@@ -204,6 +204,7 @@ unsigned session_thread(void* argument) {
         session->spool = nullptr;
         os::DeleteFileA(session->spool_path);
     }
+    session->end_tls(true);
     os::closesocket(session->socket);
     event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::session_ended);
     free_session(session);
