@@ -1,5 +1,5 @@
 // message_catalogue.h: the ids of the module's events and the data behind
-// their texts: 47 events, and the 44 strings with the 43-pair table that
+// their texts: 51 events, and the 44 strings with the 43-pair table that
 // turns a Winsock code into a string number.
 //
 // The texts are Italian, in code page 1252, each ending in CR LF, with
@@ -28,6 +28,9 @@ inline constexpr std::uint32_t mime_ended = 0x40004F19;                  // 2024
 inline constexpr std::uint32_t mail_accepted = 0x40004F4F;               // 20303
 inline constexpr std::uint32_t debug_text = 0x400051A3;                  // 20899
 inline constexpr std::uint32_t port_in_use = 0x800027D8;                 // 10200
+inline constexpr std::uint32_t client_refused = 0x80004EAC;              // 20140, ours
+inline constexpr std::uint32_t session_limit_reached = 0x80004EAD;       // 20141, ours
+inline constexpr std::uint32_t message_too_large = 0x80004EAE;           // 20142, ours
 inline constexpr std::uint32_t mime_reinitialised = 0x80004F13;          // 20243
 inline constexpr std::uint32_t duplicate_dropped = 0x80004F39;           // 20281
 inline constexpr std::uint32_t address_domain_mismatch = 0x80004FD8;     // 20440
@@ -45,6 +48,7 @@ inline constexpr std::uint32_t winsock_start_failed = 0xC0004E85;        // 2010
 inline constexpr std::uint32_t host_name_unknown = 0xC0004E87;           // 20103
 inline constexpr std::uint32_t relay_address_unknown = 0xC0004E8A;       // 20106
 inline constexpr std::uint32_t service_unknown = 0xC0004E8F;             // 20111
+inline constexpr std::uint32_t setting_invalid = 0xC0004E90;             // 20112, ours
 inline constexpr std::uint32_t socket_failed = 0xC0004E91;               // 20113
 inline constexpr std::uint32_t setsockopt_failed = 0xC0004E92;           // 20114
 inline constexpr std::uint32_t connect_failed = 0xC0004E94;              // 20116
@@ -73,7 +77,7 @@ inline constexpr std::uint32_t source_registration_failed = 0;
 
 namespace qbsmtp {
 
-// The 47 events with their texts, in ascending order of id.
+// The 51 events with their texts, in ascending order of id.
 extern const os::MessageResource event_texts[];
 extern const std::size_t event_text_count;
 

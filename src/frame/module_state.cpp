@@ -28,6 +28,7 @@ union Immortal {
 constinit Immortal<CountedString> host_name_storage;
 constinit Immortal<CountedString> spool_dir_storage;
 constinit Immortal<CountedString> mime_dir_storage;
+constinit Immortal<AddressList> allowed_clients_storage;
 
 }  // namespace
 
@@ -48,6 +49,9 @@ constinit std::uint32_t send_timeout = 0;
 constinit std::uint32_t probe_timeout = 30;
 constinit std::uint32_t listen_backlog = 0;
 constinit std::uint32_t spool_sync = 1;
+constinit std::uint32_t max_message_size = 0;
+constinit std::uint32_t max_sessions = 0;
+AddressList& allowed_clients = allowed_clients_storage.value;
 
 namespace {
 
@@ -67,6 +71,8 @@ const DwordSetting dword_settings[] = {
     {"ProbeTimeout", &probe_timeout, 30},
     {"ListenBacklog", &listen_backlog, 0},
     {"SpoolSync", &spool_sync, 1},
+    {"MaxMessageSize", &max_message_size, 0},
+    {"MaxSessions", &max_sessions, 0},
 };
 
 // host_name gets a text even when it is empty, so "%s" gives "".
@@ -78,6 +84,21 @@ void set_host_name(const char* name) {
     auto* block = static_cast<char*>(os::LocalAlloc(os::LMEM_FIXED, 1));
     if (block != nullptr) block[0] = '\0';
     host_name.adopt(block, 0);
+}
+
+// AllowedClients. A list that cannot be read whole, and each entry that
+// is no address, is reported; what is skipped allows nobody, so a typing
+// error never opens the gateway wider than meant.
+void read_allowed_clients(RegistryKey& settings) {
+    char text[2048];
+    char bad[64];
+    if (settings.get_string("AllowedClients", text, sizeof text)) {
+        if (allowed_clients.parse(text, bad, sizeof bad) > 0)
+            event_reporter.report(event::setting_invalid, "AllowedClients", bad);
+    } else if (os::GetLastError() == os::ERROR_MORE_DATA) {
+        allowed_clients.parse("", bad, sizeof bad);
+        event_reporter.report(event::setting_invalid, "AllowedClients", "troppo lungo");
+    }
 }
 
 }  // namespace
@@ -127,6 +148,7 @@ void start_module() {
         std::uint32_t value = 0;
         *setting.target = settings.get_dword(setting.name, &value) ? value : setting.missing;
     }
+    read_allowed_clients(settings);
 
     os::servent* service = os::getservbyname("smtp", "tcp");
     if (service == nullptr) {

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "frame/address_list.h"
 #include "frame/counted_string.h"
 #include "frame/event_reporter.h"
 #include "platform/os.h"
@@ -43,6 +44,13 @@ extern std::uint32_t listen_backlog;
 // 250, and so is its rename to .822. 0 leaves that to the system (a spool
 // on tmpfs, measurements).
 extern std::uint32_t spool_sync;
+// Limits on reception, each off (0 or missing) unless set.
+// MaxMessageSize: bytes of message text a spool file may take.
+extern std::uint32_t max_message_size;
+// MaxSessions: sessions at once; a connection beyond them gets 421.
+extern std::uint32_t max_sessions;
+// AllowedClients: the peers that get a session; not set, everyone.
+extern AddressList& allowed_clients;
 
 // The settings key under HKEY_LOCAL_MACHINE.
 inline constexpr const char* settings_key = "SOFTWARE\\KELTO\\Quillbox32\\SM";

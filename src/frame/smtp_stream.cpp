@@ -17,7 +17,9 @@ void SmtpStream::reset_buffers() {
 
 int SmtpStream::refill() {
     read_cursor = read_buffer;
-    read_count = os::recv(socket, read_buffer, static_cast<int>(smtp_buffer_size), 0);
+    read_count = tls != nullptr
+                     ? os::tls_recv(tls, read_buffer, static_cast<int>(smtp_buffer_size))
+                     : os::recv(socket, read_buffer, static_cast<int>(smtp_buffer_size), 0);
     // An orderly close and an error (the time-out included) are alike.
     if (read_count < 1) {
         read_count = 0;
@@ -25,6 +27,18 @@ int SmtpStream::refill() {
     }
     --read_count;
     return static_cast<unsigned char>(*read_cursor++);
+}
+
+bool SmtpStream::start_tls(os::TlsContext* context, bool server, const char* host_name, char* error,
+                           std::size_t size) {
+    reset_buffers();
+    tls = os::tls_start(context, socket, server, host_name, error, size);
+    return tls != nullptr;
+}
+
+void SmtpStream::end_tls(bool notify) {
+    os::tls_end(tls, notify);
+    tls = nullptr;
 }
 
 int SmtpStream::unget_byte(int c) {
@@ -43,7 +57,9 @@ bool SmtpStream::put_text(const char* text) {
 
 bool SmtpStream::flush() {
     const int pending = static_cast<int>(write_cursor - write_buffer);
-    if (pending > 0 && os::send(socket, write_buffer, pending, 0) != pending) return false;
+    if (pending > 0 && (tls != nullptr ? os::tls_send(tls, write_buffer, pending)
+                                       : os::send(socket, write_buffer, pending, 0)) != pending)
+        return false;
     write_cursor = write_buffer;
     write_room = static_cast<int>(smtp_buffer_size);
     return true;

@@ -10,7 +10,11 @@
 // write false, a reply read its ReplyRead, and each caller turns that into
 // its own failure (the thrown 1 of a session, the Exception values of the
 // client, the quiet 1 of the probe). The stream never closes its socket:
-// whoever opened or accepted it does.
+// whoever opened or accepted it does, after end_tls.
+//
+// With TLS started (start_tls) the same bytes travel through the channel
+// instead of the bare socket; nothing above the stream sees the
+// difference.
 #pragma once
 
 #include <cstdarg>
@@ -18,6 +22,7 @@
 #include <cstdint>
 
 #include "platform/os.h"
+#include "platform/os_tls.h"
 
 namespace qbsmtp {
 
@@ -41,6 +46,23 @@ class SmtpStream {
     int write_room = 0;                        // free bytes behind write_cursor
     char read_buffer[smtp_buffer_size] = {};   // the last block recv delivered
     char write_buffer[smtp_buffer_size] = {};  // bytes waiting for send
+    os::TlsChannel* tls = nullptr;             // the TLS channel once started, else null
+
+    SmtpStream() = default;
+    SmtpStream(const SmtpStream&) = delete;
+    SmtpStream& operator=(const SmtpStream&) = delete;
+    ~SmtpStream() { end_tls(false); }
+
+    // Runs the TLS handshake on the socket, as the server or as the client
+    // of host_name. Input read before it is dropped, so that nothing sent
+    // in plain text counts as sent under TLS (RFC 3207); output must have
+    // been flushed. False, with the reason in error, when it failed; the
+    // connection is then of no further use.
+    bool start_tls(os::TlsContext* context, bool server, const char* host_name, char* error,
+                   std::size_t size);
+    // Ends TLS, with the close alert when notify is set; before the socket
+    // is closed.
+    void end_tls(bool notify);
 
     // Empty buffers: the first read refills, the first write finds 1024 bytes.
     void reset_buffers();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 
 #include "frame/message_catalogue.h"
 #include "frame/module_state.h"
@@ -89,6 +90,39 @@ int open_port(os::SOCKET socket) {
     return 1;
 }
 
+// Turns a connection away with its one reply, then closes it. The reply is
+// short and the socket new, so the send does not wait on the peer.
+void turn_away(os::SOCKET connection, const char* format) {
+    char text[smtp_buffer_size];
+    const int length = std::snprintf(text, sizeof text, format, host_name.c_str());
+    if (length > 0 && static_cast<std::size_t>(length) < sizeof text) {
+        apply_session_timeout(connection);
+        os::send(connection, text, length, 0);
+    }
+    os::shutdown(connection, os::SD_SEND);
+    os::closesocket(connection);
+}
+
+// AllowedClients and MaxSessions: true when the connection was turned away.
+bool refused_by_limits(os::SOCKET connection, const os::sockaddr_in& peer) {
+    char address[16];
+    std::uint32_t host_order = 0;
+    format_ipv4(peer.sin_addr.s_addr, address, &host_order);
+    if (!allowed_clients.allows(host_order)) {
+        event_reporter.report(event::client_refused, address);
+        turn_away(connection, "554 %s Access denied\r\n");
+        return true;
+    }
+    if (max_sessions != 0 && static_cast<std::uint32_t>(sessions_running.load()) >= max_sessions) {
+        char limit[16];
+        std::snprintf(limit, sizeof limit, "%lu", static_cast<unsigned long>(max_sessions));
+        event_reporter.report(event::session_limit_reached, address, limit);
+        turn_away(connection, "421 %s Too many sessions, try again later\r\n");
+        return true;
+    }
+    return false;
+}
+
 // Gives an accepted connection its session and thread. The socket is the
 // session's once the thread runs, else it is closed here.
 void start_session(os::SOCKET connection) {
@@ -147,7 +181,7 @@ unsigned smtp_listen(void*) {
             os::closesocket(connection);
             continue;
         }
-        start_session(connection);
+        if (!refused_by_limits(connection, peer)) start_session(connection);
     }
 }
 
@@ -169,6 +203,7 @@ unsigned session_thread(void* argument) {
         session->spool = nullptr;
         os::DeleteFileA(session->spool_path);
     }
+    session->end_tls(true);
     os::closesocket(session->socket);
     event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::session_ended);
     free_session(session);

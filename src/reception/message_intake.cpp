@@ -153,10 +153,16 @@ int receive_text(SmtpSession& session) {
     Stream& spool = *session.spool;
     bool store_ok = true;       // every write so far succeeded
     bool line_pending = false;  // a line was stored without its CR LF
-    // After the first failed write nothing more is written, but the text
-    // is read on up to the end marker, so the dialogue stays in step.
+    // Bytes the text may still take: MaxMessageSize counts the text as
+    // stored (dots and the final CR LF undone), not the trace headers.
+    std::uint64_t room = max_message_size != 0 ? max_message_size : ~std::uint64_t{0};
+    bool too_large = false;
+    // After the first failed write, or past the limit, nothing more is
+    // written, but the text is read on up to the end marker, so the
+    // dialogue stays in step.
     auto put = [&](int c) {
-        if (store_ok && spool.putc(c) == Stream::eof) store_ok = false;
+        if (room-- == 0) too_large = true;
+        if (store_ok && !too_large && spool.putc(c) == Stream::eof) store_ok = false;
     };
     auto open_line = [&] {
         if (line_pending) {
@@ -186,7 +192,8 @@ int receive_text(SmtpSession& session) {
                 break;
             case TextState::after_dot_cr:
                 // The end marker: the CR LF in front of it is not stored.
-                if (c == '\n') return store_ok ? LINE_CLEAN : LINE_EXTRA;
+                if (c == '\n')
+                    return too_large ? TEXT_TOO_LARGE : store_ok ? LINE_CLEAN : LINE_EXTRA;
                 open_line();
                 put('\r');
                 break;
@@ -235,6 +242,14 @@ int receive_message(SmtpSession& session) {
         os::DeleteFileA(session.spool_path);
         reply(session, "452 No space left, try again later\r\n");
         return LINE_EXTRA;
+    }
+    if (result == TEXT_TOO_LARGE) {
+        // Refused for good: sending it again would not make it smaller.
+        char limit[16];
+        std::snprintf(limit, sizeof limit, "%lu", static_cast<unsigned long>(max_message_size));
+        event_reporter.report(event::message_too_large, session.reverse_path, limit);
+        session_printf(session, "552 Message size exceeds fixed maximum message size\r\n");
+        result = LINE_CLEAN;
     }
     if (result == LINE_EXTRA) session_printf(session, "452 No space left, try again later\r\n");
     session_flush(session);

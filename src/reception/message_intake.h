@@ -15,9 +15,13 @@
 
 namespace qbsmtp {
 
+// receive_text's result for a text longer than MaxMessageSize.
+inline constexpr int TEXT_TOO_LARGE = 17;
+
 // Runs DATA after its clean command line: LINE_CLEAN when the message was
-// accepted (the caller clears sender_set), LINE_EXTRA when it was refused
-// with a 452, SESSION_GONE when the peer went away during the text.
+// accepted or refused for good with a 552 (the caller clears sender_set),
+// LINE_EXTRA when it was refused with a 452, SESSION_GONE when the peer
+// went away during the text.
 int receive_message(SmtpSession& session);
 
 // Creates the spool file and opens it for writing; null on failure, after
@@ -27,7 +31,9 @@ Stream* open_spool_file(SmtpSession& session);
 // Writes Return-Path and Received; negative when a write failed.
 int write_trace_headers(SmtpSession& session);
 // Stores the text up to the end marker: LINE_CLEAN, LINE_EXTRA (a write
-// failed; the rest was read and dropped) or SESSION_GONE.
+// failed; the rest was read and dropped), TEXT_TOO_LARGE (more than
+// MaxMessageSize bytes to store; the rest was read and dropped) or
+// SESSION_GONE.
 int receive_text(SmtpSession& session);
 
 // The zone's offset in minutes (UTC minus local time) from the result of

@@ -39,6 +39,7 @@ void SmtpClient::setup_buffers() {
 
 void SmtpClient::clean_up() {
     if (socket != os::INVALID_SOCKET) {
+        end_tls(false);
         os::closesocket(socket);
         socket = os::INVALID_SOCKET;
     }

@@ -48,7 +48,8 @@ std::map<std::string, std::uint32_t> code_ids() {
         attachment_type_invalid, reply_unintelligible, quit_failed, mime_type_unsupported,
         message_id_invalid, uuencode_begin_missing, uuencode_end_missing, no_recipient, no_sender,
         no_attachment, internal_inconsistency, no_memory_for_session, source_registration_failed,
-        spool_rename_failed, uuencode_text_write_failed);
+        spool_rename_failed, uuencode_text_write_failed, client_refused, session_limit_reached,
+        message_too_large, setting_invalid);
 }
 
 TEST(EventCatalogue, IdsSeveritiesAndTextsAreThoseLogReadersKnow) {

@@ -10,7 +10,9 @@
 //                    consecutive lines go out in one send
 //   S TEXT           the next line the server sends is TEXT and CR LF
 //   close            the client ends its sending direction
-//   connect          the client closes; a new one connects
+//   connect          the client closes (held ones too); a new one connects
+//   hold             the client stays open, untouched, until the next
+//                    connect or the end; a new one connects
 //   fault OP N ERROR [always] / nofault
 //                    the Nth call of OP from now on fails with ERROR
 //   file NAME, F TEXT
@@ -84,6 +86,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
     std::vector<std::string> expected_events;
     std::string* file = nullptr;
     auto client = std::make_unique<SmtpTestClient>(module.port());
+    std::vector<std::unique_ptr<SmtpTestClient>> held;
     std::string pending;  // client lines not sent yet
     const auto flush = [&] {
         EXPECT_TRUE(pending.empty() || client->send(pending));
@@ -108,7 +111,12 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
             client->shutdown_write();
         } else if (line.tag == "connect") {
             end_connection();
+            held.clear();
             module.wait_idle();  // so that the sessions' events come in order
+            client = std::make_unique<SmtpTestClient>(module.port());
+        } else if (line.tag == "hold") {
+            flush();
+            held.push_back(std::move(client));
             client = std::make_unique<SmtpTestClient>(module.port());
         } else if (line.tag == "fault") {
             flush();
@@ -126,6 +134,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
         }
     }
     end_connection();
+    held.clear();
     module.wait_idle();
     os::fault_clear();
     const std::time_t to = std::time(nullptr);
