@@ -57,7 +57,8 @@ void add_module_option(CLI::App& command, std::string& module_path) {
 
 const CLI::Range port_range(1, 65535);
 
-// A duration: seconds, or a number with s, m, h or d.
+// A duration: seconds, or a number with s, m, h or d; at most ten years,
+// which a 32-bit long still holds in seconds.
 long parse_duration(const std::string& option, const std::string& text) {
     std::size_t used = 0;
     long value = -1;
@@ -72,7 +73,7 @@ long parse_duration(const std::string& option, const std::string& text) {
     long scale = used == text.size() ? 1 : 0;
     for (const auto& unit : units)
         if (used + 1 == text.size() && text[used] == unit.unit) scale = unit.seconds;
-    if (value < 0 || scale == 0 || value > 100L * 365 * 86400 / scale)
+    if (value < 0 || scale == 0 || value > 10L * 365 * 86400 / scale)
         throw CLI::ValidationError(option, "not a duration (N, Ns, Nm, Nh or Nd): " + text);
     return value * scale;
 }
