@@ -22,6 +22,27 @@ std::string read_all(const std::string& path, const char* mode) {
     return s->getc() == Stream::eof && s->close() == 0 ? out : "<not at its end>";
 }
 
+// A text stream's position counts the bytes of the file, the CR of each
+// CR LF it delivered as LF included: checked halfway and at the end.
+void expect_text_positions(const std::string& path, const std::string& raw) {
+    Stream* s = Stream::open(path.c_str(), "r");
+    ASSERT_NE(s, nullptr);
+    std::size_t delivered = 0, consumed = 0;
+    auto check = [&] {
+        std::int64_t at = -1;
+        EXPECT_EQ(s->getpos(&at), 0);
+        EXPECT_EQ(at, static_cast<std::int64_t>(consumed)) << delivered << " delivered";
+    };
+    for (; s->getc() != Stream::eof; ++delivered) {
+        const bool crlf =
+            raw[consumed] == '\r' && consumed + 1 < raw.size() && raw[consumed + 1] == '\n';
+        consumed += crlf ? 2 : 1;
+        if (delivered == raw.size() / 2) check();
+    }
+    check();
+    s->close();
+}
+
 TEST(Stream, TextModeTable) {
     test::TempPrefix prefix;
     auto expand = [](std::string text) {
@@ -34,6 +55,7 @@ TEST(Stream, TextModeTable) {
         test::write_file(prefix.file("in"), raw);
         EXPECT_EQ(read_all(prefix.file("in"), "r"), expand(test::unescape(c[1]))) << c.where;
         EXPECT_EQ(read_all(prefix.file("in"), "rb"), raw) << c.where;
+        if (raw.find('\x1a') == std::string::npos) expect_text_positions(prefix.file("in"), raw);
     }
 }
 
