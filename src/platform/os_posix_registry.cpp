@@ -269,7 +269,10 @@ LONG RegCreateKeyExA(HKEY key, const char* sub_key, DWORD /*reserved*/, char* /*
     DWORD written = persist(r);
     if (written != ERROR_SUCCESS) {
         for (std::size_t i = 0; i < walked.size(); ++i) walked[i]->persistent = was_persistent[i];
-        if (undo_parent != nullptr) undo_parent->children.erase(posix::fold_ascii(undo_name));
+        if (undo_parent != nullptr) {
+            undo_parent->children.erase(posix::fold_ascii(undo_name));
+            undo_parent->cursor_valid = false;
+        }
         return static_cast<LONG>(written);
     }
     if (disposition != nullptr) *disposition = REG_CREATED_NEW_KEY;
@@ -372,7 +375,15 @@ LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* name_size, DWORD* /
     if (node == nullptr) return ERROR_INVALID_HANDLE;
     if (index >= node->children.size()) return ERROR_NO_MORE_ITEMS;
     auto it = node->children.begin();
-    std::advance(it, index);
+    std::size_t at = 0;
+    if (node->cursor_valid && node->cursor_index <= index) {
+        it = node->cursor;
+        at = node->cursor_index;
+    }
+    std::advance(it, index - at);
+    node->cursor = it;
+    node->cursor_index = index;
+    node->cursor_valid = true;
     const std::string& child = it->second->name;
     if (child.size() + 1 > *name_size) return ERROR_MORE_DATA;
     std::memcpy(name, child.c_str(), child.size() + 1);

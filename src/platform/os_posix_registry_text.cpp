@@ -266,6 +266,7 @@ RegistryTreeNode& RegistryTreeNode::child(const std::string& child_name, bool* c
     auto& slot = children[fold_ascii(child_name)];
     if (created != nullptr) *created = slot == nullptr;
     if (slot == nullptr) {
+        cursor_valid = false;
         slot = std::make_unique<RegistryTreeNode>();
         slot->name = child_name;
     }

@@ -28,6 +28,12 @@ struct RegistryTreeNode {
     bool persistent = false;            // has a section of its own in registry.reg
     std::vector<RegistryValue> values;  // registry.reg's first, then the view's
     std::map<std::string, std::unique_ptr<RegistryTreeNode>> children;  // by folded name
+    // Where the last enumeration of the children stood, so that a walk by
+    // index in order costs one step a key, not a walk from the first; any
+    // change to children clears it.
+    std::map<std::string, std::unique_ptr<RegistryTreeNode>>::iterator cursor;
+    std::size_t cursor_index = 0;
+    bool cursor_valid = false;
 
     RegistryValue* find_value(const std::string& value_name);
     RegistryTreeNode* find_child(const std::string& child_name);

@@ -115,5 +115,33 @@ TEST(RegistryFile, EachWriteReplacesTheFileWholeOrNotAtAll) {
     }
 }
 
+// Keys come by index in name order; a key made between two calls moves the
+// later indexes, as a fresh walk would give them.
+TEST(RegistryKeys, EnumerationByIndexFollowsAKeyMadeMeanwhile) {
+    test::TempPrefix prefix;
+    HKEY key = nullptr, made = nullptr;
+    ASSERT_EQ(RegCreateKeyA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Walk", &key), ERROR_SUCCESS);
+    for (const char* name : {"b", "d", "f"}) {
+        ASSERT_EQ(RegCreateKeyA(key, name, &made), ERROR_SUCCESS);
+        RegCloseKey(made);
+    }
+    auto at = [key](DWORD index) {
+        char name[16];
+        DWORD size = sizeof name;
+        const LONG result =
+            RegEnumKeyExA(key, index, name, &size, nullptr, nullptr, nullptr, nullptr);
+        return result == ERROR_SUCCESS ? std::string(name) : "<" + std::to_string(result) + ">";
+    };
+    EXPECT_EQ(at(0), "b");
+    EXPECT_EQ(at(1), "d");
+    ASSERT_EQ(RegCreateKeyA(key, "C", &made), ERROR_SUCCESS);
+    RegCloseKey(made);
+    EXPECT_EQ(at(2), "d");
+    EXPECT_EQ(at(3), "f");
+    EXPECT_EQ(at(1), "C");
+    EXPECT_EQ(at(4), "<259>");  // ERROR_NO_MORE_ITEMS
+    RegCloseKey(key);
+}
+
 }  // namespace
 }  // namespace qbsmtp::os
