@@ -3,6 +3,7 @@
 
 #include "frame/stream.h"
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -66,7 +67,7 @@ TEST(Stream, LinesAndPushbackAcrossTheBufferEnd) {
     for (int i = 0; i < 50000; ++i) raw += static_cast<char>('b' + i % 23);
     raw += "\ntail";
     test::write_file(prefix.file("in"), raw);
-    for (std::size_t size : {2ul, 1000ul, b + 10}) {
+    for (std::size_t size : std::initializer_list<std::size_t>{2, 1000, b + 10}) {
         Stream* s = Stream::open(prefix.file("in").c_str(), "rb");
         ASSERT_NE(s, nullptr);
         std::vector<char> line(size);
