@@ -55,7 +55,7 @@ TEST(PathsOnDisk, EnsureDirectory) {
     test::TempPrefix prefix;
     int n = 0;
     for (const test::Case& c : test::read_cases("frame/ensure_directory.txt", 6)) {
-        const std::string dir = prefix.file("D" + std::to_string(++n));
+        const std::string dir = prefix.file(std::string("D").append(std::to_string(++n)));
         fs::create_directory(dir);
         const std::string path = path_of(c[0], dir);
         if (c[1] == "file") std::ofstream(path).put('x');
@@ -75,7 +75,7 @@ TEST(PathsOnDisk, UniqueFiles) {
     test::TempPrefix prefix;
     int n = 0;
     for (const test::Case& c : test::read_cases("frame/unique_files.txt", 9)) {
-        const std::string dir = prefix.file("D" + std::to_string(++n));
+        const std::string dir = prefix.file(std::string("D").append(std::to_string(++n)));
         fs::create_directory(dir);
         const std::string sep(1, os::path_separator);
         for (char digit = '0'; digit <= '9' && !c[4].empty(); ++digit)

@@ -130,7 +130,9 @@ TEST(RegistryKeys, EnumerationByIndexFollowsAKeyMadeMeanwhile) {
         DWORD size = sizeof name;
         const LONG result =
             RegEnumKeyExA(key, index, name, &size, nullptr, nullptr, nullptr, nullptr);
-        return result == ERROR_SUCCESS ? std::string(name) : "<" + std::to_string(result) + ">";
+        return result == ERROR_SUCCESS
+                   ? std::string(name)
+                   : std::string("<").append(std::to_string(result)).append(">");
     };
     EXPECT_EQ(at(0), "b");
     EXPECT_EQ(at(1), "d");

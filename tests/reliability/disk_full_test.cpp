@@ -91,7 +91,7 @@ TEST_P(DiskFullSeam, RefusesWhatIsNotWhollyOnDiskAndRecovers) {
     std::vector<std::unique_ptr<SmtpTestClient>> clients;
     std::vector<std::string> texts, replies(static_cast<std::size_t>(c.senders));
     for (int s = 0; s < c.senders; ++s) {
-        clients.push_back(envelope(module, "c" + std::to_string(s)));
+        clients.push_back(envelope(module, std::string("c").append(std::to_string(s))));
         texts.push_back(message_of(c.text_size, "sender" + std::to_string(s)));
         EXPECT_EQ(clients.back()->command("DATA").substr(0, 4), "354 ");
     }

@@ -94,7 +94,11 @@ TEST(Load, TwoHundredClientsWithDropsLoseNothingAndLeakNothing) {
         const bool drops = c % 5 == 4;
         for (int m = 0; m < 2; ++m) {
             Message& message = messages[static_cast<std::size_t>(2 * c + m)];
-            message.sender = "c" + std::to_string(c) + "m" + std::to_string(m) + "@load.test";
+            message.sender = std::string("c")
+                                 .append(std::to_string(c))
+                                 .append("m")
+                                 .append(std::to_string(m))
+                                 .append("@load.test");
             // From 0 B to largest: a few empty, a few of the largest, the rest
             // spread evenly over the orders of magnitude.
             const double spread = std::exp2(std::uniform_real_distribution<>(4.0, 20.0)(random));

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -258,13 +259,14 @@ bool MessageQueue::fail(const QueuedMessage& message, const std::string& reason,
     ordered_json record = message.record;
     ordered_json moves = ordered_json::array();
     ordered_json kept = ordered_json::array();
+    std::set<std::string> taken;
     for (const auto& attachment : record.value("attachments", ordered_json::array())) {
         if (!attachment.is_string()) continue;
         const fs::path from = attachment.get<std::string>();
         fs::path to = files / from.filename();
-        for (int suffix = 1; std::find(kept.begin(), kept.end(), to.string()) != kept.end();
-             ++suffix)
-            to = files / (from.filename().string() + "." + std::to_string(suffix));
+        for (int suffix = 1; taken.count(to.string()) != 0; ++suffix)
+            to = files / fs::path(from.filename()).concat("." + std::to_string(suffix));
+        taken.insert(to.string());
         moves.push_back({from.string(), to.string()});
         kept.push_back(to.string());
     }
