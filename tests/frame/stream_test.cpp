@@ -44,7 +44,7 @@ TEST(Stream, LinesAndPushbackAcrossTheBufferEnd) {
     for (int i = 0; i < 50000; ++i) raw += static_cast<char>('b' + i % 23);
     raw += "\ntail";
     test::write_file(prefix.file("in"), raw);
-    for (std::size_t size : {2ul, 1000ul, b + 10}) {
+    for (std::size_t size : {std::size_t{2}, std::size_t{1000}, b + 10}) {
         Stream* s = Stream::open(prefix.file("in").c_str(), "rb");
         ASSERT_NE(s, nullptr);
         std::vector<char> line(size);
