@@ -3,7 +3,7 @@
 //
 // The core talks to the operating system only through the functions of
 // os.h, and those functions speak in these types. The layouts follow the
-// 32-bit Windows headers field by field, so that the Win32 backend can hand
+// Windows headers field by field (POSIX: the 32-bit ones), so that the Win32 backend can hand
 // them straight through and the POSIX backend converts at its edge.
 #pragma once
 
@@ -205,14 +205,24 @@ struct WIN32_FIND_DATAA {
     CHAR cAlternateFileName[14];
 };
 
+// 64-bit Windows orders the fields of WSADATA and servent otherwise
+// (winsock2.h, _WIN64); the core names fields, never their order.
 struct WSADATA {
     WORD wVersion;
     WORD wHighVersion;
+#ifdef _WIN64
+    unsigned short iMaxSockets;
+    unsigned short iMaxUdpDg;
+    char* lpVendorInfo;
+    char szDescription[257];
+    char szSystemStatus[129];
+#else
     char szDescription[257];
     char szSystemStatus[129];
     unsigned short iMaxSockets;
     unsigned short iMaxUdpDg;
     char* lpVendorInfo;
+#endif
 };
 
 struct in_addr {
@@ -235,8 +245,13 @@ struct sockaddr_in {
 struct servent {
     char* s_name;
     char** s_aliases;
+#ifdef _WIN64
+    char* s_proto;
+    std::int16_t s_port;  // network byte order
+#else
     std::int16_t s_port;  // network byte order
     char* s_proto;
+#endif
 };
 
 struct hostent {

@@ -4,7 +4,9 @@
 //
 // Not a timing test: the bound is on memory only. Under a sanitizer the
 // resident size says nothing (shadow memory, quarantine), so it is skipped.
+#ifndef _WIN32
 #include <sys/resource.h>
+#endif
 
 #include <cstdint>
 #include <fstream>

@@ -5,7 +5,9 @@
 // Two ways to a full disk: the platform's fault seam (a write or the close
 // failing with ERROR_DISK_FULL), which runs everywhere, and a real 2 MiB
 // tmpfs on the spool directory where the test may mount one (as root).
+#ifndef _WIN32
 #include <sys/mount.h>
+#endif
 
 #include <cerrno>
 #include <cstring>

@@ -134,7 +134,7 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
     for (char* block :
          {record.file, record.sender, record.sender_name, record.to, record.to_names, record.cc,
           record.cc_names, record.bcc, record.bcc_names, record.subject, record.attachments})
-        if (block != nullptr) LocalFree(block);
+        if (block != nullptr) os::LocalFree(block);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, HostileSpool, ::testing::ValuesIn(load_cases()),

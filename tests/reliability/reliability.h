@@ -32,6 +32,9 @@ inline constexpr bool light_run = !resident_size_meaningful || sizeof(void*) == 
 
 // The descriptors the process holds now (one of them the listing's own).
 inline long open_descriptors() {
+#ifdef _WIN32
+    return open_handle_count();
+#endif
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 

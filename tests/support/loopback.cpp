@@ -1,11 +1,30 @@
 // loopback.cpp: SmtpTestClient, ScriptedRelay and the port helpers.
 
+#ifdef _WIN32
+// Winsock under the POSIX names used below. The time-outs of a socket are
+// a DWORD of milliseconds there; a stall waits for any readiness.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#define poll WSAPoll
+#define accept4(s, a, l, f) accept(s, a, l)
+#define SOCK_CLOEXEC 0
+#define MSG_NOSIGNAL 0
+#define POLLRDHUP POLLRDNORM
+#define SHUT_WR SD_SEND
+#define SHUT_RDWR SD_BOTH
+static const bool winsock_started = [] {
+    WSADATA data;
+    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+}();
+#else
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#define closesocket close
+#endif
 
 #include <cerrno>
 #include <chrono>
@@ -22,7 +41,17 @@ namespace qbsmtp::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-const timeval bound{20, 0};  // on every wait of a peer
+const int bound_seconds = 20;  // on every wait of a peer
+
+// Bounds the waits of option (SO_RCVTIMEO, SO_SNDTIMEO) on fd.
+void bound_waits(int fd, int option) {
+#ifdef _WIN32
+    const DWORD bound = bound_seconds * 1000;
+#else
+    const timeval bound{bound_seconds, 0};
+#endif
+    ::setsockopt(fd, SOL_SOCKET, option, reinterpret_cast<const char*>(&bound), sizeof bound);
+}
 
 sockaddr_in address_of(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK) {
     sockaddr_in address{};
@@ -32,14 +61,26 @@ sockaddr_in address_of(std::uint16_t port, std::uint32_t host = INADDR_LOOPBACK)
     return address;
 }
 
+void close_socket(int fd) {
+    ::closesocket(fd);
+}
+
+pollfd watching(int fd, short events) {
+    pollfd watch{};
+    watch.fd = fd;
+    watch.events = events;
+    return watch;
+}
+
 // A TCP socket bound to port on host; -1 if the bind fails.
 int bound_socket(std::uint16_t port, std::uint32_t host, bool reuse) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int one = 1;
-    if (reuse) ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (reuse)
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof one);
     const sockaddr_in address = address_of(port, host);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
-    ::close(fd);
+    close_socket(fd);
     return -1;
 }
 
@@ -55,9 +96,9 @@ SmtpTestClient::SmtpTestClient(std::uint16_t port, int connect_seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     const int one = 1;
-    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
-    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
+    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof one);
+    bound_waits(fd_, SO_RCVTIMEO);
+    bound_waits(fd_, SO_SNDTIMEO);
 }
 
 void SmtpTestClient::shutdown_write() {
@@ -65,7 +106,7 @@ void SmtpTestClient::shutdown_write() {
 }
 
 void SmtpTestClient::close() {
-    if (fd_ >= 0) ::close(fd_);
+    if (fd_ >= 0) close_socket(fd_);
     fd_ = -1;
 }
 
@@ -110,13 +151,14 @@ std::string SmtpTestClient::read_to_close() {
 
 void SmtpTestClient::reset() {
     const linger hard{1, 0};
-    if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    if (fd_ >= 0)
+        ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard), sizeof hard);
     close();
 }
 
 bool SmtpTestClient::silent_for(int milliseconds) {
     if (!pending_.empty()) return false;
-    pollfd watch{fd_, POLLIN, 0};
+    pollfd watch = watching(fd_, POLLIN);
     return ::poll(&watch, 1, milliseconds) == 0;
 }
 
@@ -129,7 +171,8 @@ std::uint16_t free_tcp_port() {
     for (int attempt = 0; attempt < 1000; ++attempt) {
         // Below the usual ephemeral range, so no outgoing connection holds it.
         const auto port = static_cast<std::uint16_t>(20000 + random() % 12000);
-        if (const int fd = bound_socket(port, INADDR_ANY, false); fd >= 0) return ::close(fd), port;
+        if (const int fd = bound_socket(port, INADDR_ANY, false); fd >= 0)
+            return close_socket(fd), port;
     }
     throw std::runtime_error("no free port");
 }
@@ -138,7 +181,7 @@ std::shared_ptr<void> hold_port(std::uint16_t port, bool time_wait) {
     if (!time_wait) {
         const int fd = bound_socket(port, INADDR_ANY, true);
         if (fd < 0) return nullptr;
-        return std::shared_ptr<int>(new int(fd), [](int* p) { ::close(*p), delete p; });
+        return std::shared_ptr<int>(new int(fd), [](int* p) { close_socket(*p), delete p; });
     }
     const int listen_fd = bound_socket(port, INADDR_LOOPBACK, true);
     const int client_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -147,15 +190,15 @@ std::shared_ptr<void> hold_port(std::uint16_t port, bool time_wait) {
         listen_fd >= 0 && ::listen(listen_fd, 1) == 0 &&
         ::connect(client_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     const int served_fd = connected ? ::accept(listen_fd, nullptr, nullptr) : -1;
-    ::close(listen_fd);
+    close_socket(listen_fd);
     // The served side closes first, so its end, on the port, is the one
     // that waits once the client's close has answered.
-    ::close(served_fd);
-    pollfd p{client_fd, POLLIN, 0};
+    close_socket(served_fd);
+    pollfd p = watching(client_fd, POLLIN);
     char byte;
     const bool done =
         served_fd >= 0 && ::poll(&p, 1, 20000) == 1 && ::recv(client_fd, &byte, 1, 0) == 0;
-    ::close(client_fd);
+    close_socket(client_fd);
     return done ? std::make_shared<int>(0) : nullptr;
 }
 
@@ -166,7 +209,7 @@ ScriptedRelay::ScriptedRelay(std::vector<Step> script, std::uint16_t port)
     if (listen_fd_ >= 0 && ::listen(listen_fd_, 1) == 0 &&
         ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
         port_ = ntohs(address.sin_port);
-        ::setsockopt(listen_fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);  // accept too
+        bound_waits(listen_fd_, SO_RCVTIMEO);  // accept too
         thread_ = std::thread([this] { run(); });
     }
 }
@@ -174,7 +217,7 @@ ScriptedRelay::ScriptedRelay(std::vector<Step> script, std::uint16_t port)
 int ScriptedRelay::stop() {
     ::shutdown(listen_fd_, SHUT_RDWR);  // ends a wait in accept
     if (thread_.joinable()) thread_.join();
-    ::close(std::exchange(listen_fd_, -1));
+    close_socket(std::exchange(listen_fd_, -1));
     return connections_.load();
 }
 
@@ -182,7 +225,7 @@ void ScriptedRelay::run() {
     const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) return;
     ++connections_;
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    bound_waits(fd, SO_RCVTIMEO);
     std::size_t lines = 0;
     // Reads what came; false at the peer's close, an error or the bound.
     const auto receive = [&] {
@@ -197,11 +240,11 @@ void ScriptedRelay::run() {
     for (const Step& step : script_) {
         while (open && lines < step.lines) open = receive();
         if (!open || step.act == Act::silent) break;
-        if (step.act == Act::close) return (void)::close(fd);
+        if (step.act == Act::close) return (void)close_socket(fd);
         if (step.act == Act::stall) {
             // Reads nothing more until the peer has closed its side.
-            pollfd hangup{fd, POLLRDHUP, 0};
-            ::poll(&hangup, 1, bound.tv_sec * 1000);
+            pollfd hangup = watching(fd, POLLRDHUP);
+            ::poll(&hangup, 1, bound_seconds * 1000);
             break;
         }
         for (std::size_t i = 0; i < step.pieces.size(); ++i) {
@@ -212,7 +255,7 @@ void ScriptedRelay::run() {
     }
     while (open && receive()) {
     }
-    ::close(fd);
+    close_socket(fd);
 }
 
 }  // namespace qbsmtp::test
