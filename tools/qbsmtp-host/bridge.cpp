@@ -62,18 +62,21 @@ RecordHandler Bridge::handler() {
     };
 }
 
+RecordHandler record_handler(std::unique_ptr<Bridge>& bridge,
+                             const std::optional<ExecSettings>& exec,
+                             const std::filesystem::path& spool,
+                             const std::filesystem::path& event_log, bool delete_taken,
+                             std::ostream& out) {
+    if (!exec) return print_and_dispose(out, delete_taken);
+    bridge = std::make_unique<Bridge>(spool, *exec, event_log, delete_taken);
+    bridge->start();
+    return bridge->handler();
+}
+
 RoundResult Bridge::retry_due(std::string& error, std::int64_t due_by) {
     auto message = queue_.take_due(due_by != 0 ? due_by : now_seconds());
     if (!message) return RoundResult::empty;
-    switch (deliver(std::move(*message), error)) {
-        case Disposal::disposed:
-            return RoundResult::taken;
-        case Disposal::stopped:
-            return RoundResult::stopped;
-        case Disposal::stuck:
-            break;
-    }
-    return RoundResult::stuck;
+    return round_result(deliver(std::move(*message), error));
 }
 
 int Bridge::wait_milliseconds(int limit) const {

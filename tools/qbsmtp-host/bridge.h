@@ -8,6 +8,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <optional>
+#include <ostream>
 #include <string>
 
 #include "message_queue.h"
@@ -27,6 +30,16 @@ struct ExecSettings {
 // by commas) and QBSMTP_ATTACHMENTS (the paths joined by commas). A field
 // the record does not have is set empty.
 Environment record_environment(const nlohmann::ordered_json& record);
+
+class Bridge;
+
+// The handler for serve and parse: the command's bridge when --exec is
+// given (made, started and kept in bridge), else one JSON line on out.
+RecordHandler record_handler(std::unique_ptr<Bridge>& bridge,
+                             const std::optional<ExecSettings>& exec,
+                             const std::filesystem::path& spool,
+                             const std::filesystem::path& event_log, bool delete_taken,
+                             std::ostream& out);
 
 class Bridge {
   public:

@@ -43,13 +43,8 @@ int run_parse(const ParseOptions& options) {
                                         std::chrono::system_clock::now().time_since_epoch())
                                         .count();
     std::unique_ptr<Bridge> bridge;
-    RecordHandler handle = print_and_dispose(std::cout, options.delete_taken);
-    if (options.exec) {
-        bridge =
-            std::make_unique<Bridge>(spool, *options.exec, prefix.events(), options.delete_taken);
-        bridge->start();
-        handle = bridge->handler();
-    }
+    const RecordHandler handle = record_handler(bridge, options.exec, spool, prefix.events(),
+                                                options.delete_taken, std::cout);
     for (;;) {
         switch (receive_one(module, options.subtype_rank, handle, error)) {
             case RoundResult::taken:

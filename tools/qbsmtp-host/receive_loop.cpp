@@ -64,7 +64,11 @@ RoundResult receive_one(const Module& module, const SubtypeRank& subtype_rank,
     nlohmann::ordered_json json = record_to_json(record, ok);
     const std::string taken = record.file;
     release_record(record, allocator);
-    switch (handle(taken, std::move(json), error)) {
+    return round_result(handle(taken, std::move(json), error));
+}
+
+RoundResult round_result(Disposal disposal) {
+    switch (disposal) {
         case Disposal::disposed:
             return RoundResult::taken;
         case Disposal::stopped:

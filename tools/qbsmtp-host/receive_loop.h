@@ -43,6 +43,9 @@ enum class RoundResult {
     stopped,       // a stop signal came while the record was handled
 };
 
+// What a round makes of its handler's outcome.
+RoundResult round_result(Disposal disposal);
+
 RoundResult receive_one(const Module& module, const SubtypeRank& subtype_rank,
                         const RecordHandler& handle, std::string& error);
 

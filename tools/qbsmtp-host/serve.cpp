@@ -159,13 +159,8 @@ int run_serve(const ServeOptions& options) {
               << prefix.events().string() << "; module " << module.path << std::endl;
 
     std::unique_ptr<Bridge> bridge;
-    RecordHandler handle = print_and_dispose(std::cout, options.delete_taken);
-    if (options.exec) {
-        bridge =
-            std::make_unique<Bridge>(spool, *options.exec, prefix.events(), options.delete_taken);
-        bridge->start();
-        handle = bridge->handler();
-    }
+    const RecordHandler handle = record_handler(bridge, options.exec, spool, prefix.events(),
+                                                options.delete_taken, std::cout);
     bool warned_failed_empty = false;
     int status = 0;
     for (;;) {
