@@ -129,6 +129,7 @@ void read_allowed_clients(RegistryKey& settings) {
 void read_relay_settings(RegistryKey& settings) {
     for (const TextSetting& setting : relay_texts) {
         char text[260];
+        setting.target->clear();
         if (settings.get_string(setting.name, text, sizeof text)) {
             *setting.target = text;
         } else if (os::GetLastError() == os::ERROR_MORE_DATA) {

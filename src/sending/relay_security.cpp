@@ -24,8 +24,13 @@ constexpr std::size_t error_text_size = 200;
 constexpr std::size_t ehlo_text_size = 4096;
 constexpr std::size_t secret_size = 8192;  // OAuth2 tokens run to a few KB
 
-[[noreturn]] void fail(Exception outcome, std::uint32_t id, const char* a, const char* b = "") {
-    event_reporter.report(id, a, b);
+[[noreturn]] void fail(Exception outcome, std::uint32_t id, const char* a,
+                       const char* b = nullptr) {
+    if (b != nullptr) {
+        event_reporter.report(id, a, b);
+    } else {
+        event_reporter.report(id, a);
+    }
     throw outcome;
 }
 
