@@ -31,8 +31,11 @@ relay() {
   read -r -t 20 port <&3 || fail "relay did not start"
 }
 
-# A prefix whose settings others can read gets a warning.
-mkdir -p p1 && printf 'REGEDIT4\n' >p1/registry.reg && chmod 644 p1/registry.reg
+# A prefix whose settings others can read gets a warning; its debug texts
+# (DebugLog) must not show the secret either.
+mkdir -p p1
+printf 'REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"DebugLog"=dword:00000001\n' >p1/registry.reg
+chmod 644 p1/registry.reg
 n=0
 while IFS='|' read -r cert mode exclude options want event mechanism; do
   [[ $cert == \#* || -z $cert ]] && continue
@@ -64,4 +67,5 @@ good.pem|starttls|-|--security require-starttls --ca-file ca.pem --user fax --pa
 good.pem|starttls|-|--security require-starttls --ca-file ca.pem --user fax --token-file password|1|0xC0004F09|-
 CASES
 grep -q 'readable by other users' out1 || fail "no warning for a readable registry.reg"
+grep -q 'AUTH PLAIN' p1/events.jsonl || fail "no debug texts in case 1, so none was checked"
 echo "ok: $n cases"
