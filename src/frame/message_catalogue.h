@@ -1,5 +1,5 @@
 // message_catalogue.h: the ids of the module's events and the data behind
-// their texts: 51 events, and the 44 strings with the 43-pair table that
+// their texts: 56 events, and the 44 strings with the 43-pair table that
 // turns a Winsock code into a string number.
 //
 // The texts are Italian, in code page 1252, each ending in CR LF, with
@@ -31,6 +31,7 @@ inline constexpr std::uint32_t port_in_use = 0x800027D8;                 // 1020
 inline constexpr std::uint32_t client_refused = 0x80004EAC;              // 20140, ours
 inline constexpr std::uint32_t session_limit_reached = 0x80004EAD;       // 20141, ours
 inline constexpr std::uint32_t message_too_large = 0x80004EAE;           // 20142, ours
+inline constexpr std::uint32_t relay_unverified = 0x80004F06;            // 20230, ours
 inline constexpr std::uint32_t mime_reinitialised = 0x80004F13;          // 20243
 inline constexpr std::uint32_t duplicate_dropped = 0x80004F39;           // 20281
 inline constexpr std::uint32_t address_domain_mismatch = 0x80004FD8;     // 20440
@@ -59,6 +60,10 @@ inline constexpr std::uint32_t connection_lost = 0xC0004EF5;             // 2021
 inline constexpr std::uint32_t attachment_type_invalid = 0xC0004EF7;     // 20215
 inline constexpr std::uint32_t reply_unintelligible = 0xC0004EFB;        // 20219
 inline constexpr std::uint32_t quit_failed = 0xC0004F04;                 // 20228
+inline constexpr std::uint32_t relay_tls_failed = 0xC0004F07;            // 20231, ours
+inline constexpr std::uint32_t relay_security_missing = 0xC0004F08;      // 20232, ours
+inline constexpr std::uint32_t relay_auth_failed = 0xC0004F09;           // 20233, ours
+inline constexpr std::uint32_t relay_secret_unreadable = 0xC0004F0A;     // 20234, ours
 inline constexpr std::uint32_t mime_type_unsupported = 0xC0004F14;       // 20244
 inline constexpr std::uint32_t message_id_invalid = 0xC0004F31;          // 20273
 inline constexpr std::uint32_t uuencode_begin_missing = 0xC0004FB0;      // 20400
@@ -77,7 +82,7 @@ inline constexpr std::uint32_t source_registration_failed = 0;
 
 namespace qbsmtp {
 
-// The 51 events with their texts, in ascending order of id.
+// The 56 events with their texts, in ascending order of id.
 extern const os::MessageResource event_texts[];
 extern const std::size_t event_text_count;
 

@@ -29,6 +29,7 @@ constinit Immortal<CountedString> host_name_storage;
 constinit Immortal<CountedString> spool_dir_storage;
 constinit Immortal<CountedString> mime_dir_storage;
 constinit Immortal<AddressList> allowed_clients_storage;
+constinit Immortal<CountedString> relay_text_storage[4];
 
 }  // namespace
 
@@ -52,6 +53,13 @@ constinit std::uint32_t spool_sync = 1;
 constinit std::uint32_t max_message_size = 0;
 constinit std::uint32_t max_sessions = 0;
 AddressList& allowed_clients = allowed_clients_storage.value;
+constinit std::uint32_t relay_port = 0;
+constinit std::uint32_t relay_security = 0;
+constinit std::uint32_t relay_verify = 1;
+CountedString& relay_user = relay_text_storage[0].value;
+CountedString& relay_password_file = relay_text_storage[1].value;
+CountedString& relay_token_file = relay_text_storage[2].value;
+CountedString& relay_ca_file = relay_text_storage[3].value;
 
 namespace {
 
@@ -73,6 +81,20 @@ const DwordSetting dword_settings[] = {
     {"SpoolSync", &spool_sync, 1},
     {"MaxMessageSize", &max_message_size, 0},
     {"MaxSessions", &max_sessions, 0},
+    {"RelayPort", &relay_port, 0},
+    {"RelaySecurity", &relay_security, 0},
+    {"RelayVerify", &relay_verify, 1},
+};
+
+struct TextSetting {
+    const char* name;
+    CountedString* target;
+};
+const TextSetting relay_texts[] = {
+    {"RelayUser", &relay_user},
+    {"RelayPasswordFile", &relay_password_file},
+    {"RelayTokenFile", &relay_token_file},
+    {"RelayCAFile", &relay_ca_file},
 };
 
 // host_name gets a text even when it is empty, so "%s" gives "".
@@ -99,6 +121,35 @@ void read_allowed_clients(RegistryKey& settings) {
         allowed_clients.parse("", bad, sizeof bad);
         event_reporter.report(event::setting_invalid, "AllowedClients", "troppo lungo");
     }
+}
+
+// The relay's settings. Each that cannot be used is reported; none of
+// them may leave a message in plain text where protection was asked for,
+// so an unknown RelaySecurity means STARTTLS required.
+void read_relay_settings(RegistryKey& settings) {
+    for (const TextSetting& setting : relay_texts) {
+        char text[260];
+        setting.target->clear();
+        if (settings.get_string(setting.name, text, sizeof text)) {
+            *setting.target = text;
+        } else if (os::GetLastError() == os::ERROR_MORE_DATA) {
+            event_reporter.report(event::setting_invalid, setting.name, "troppo lungo");
+        }
+    }
+    if (relay_port > 0xFFFF) {
+        event_reporter.report(event::setting_invalid, "RelayPort", "oltre 65535");
+        relay_port = 0;
+    }
+    if (relay_security > 3) {
+        event_reporter.report(event::setting_invalid, "RelaySecurity", "usato 2");
+        relay_security = 2;
+    }
+    if (!relay_user.empty() && relay_password_file.empty() && relay_token_file.empty())
+        event_reporter.report(event::setting_invalid, "RelayUser",
+                              "manca RelayPasswordFile o RelayTokenFile");
+    if (!relay_user.empty() && relay_security == 0)
+        event_reporter.report(event::setting_invalid, "RelayUser",
+                              "richiede RelaySecurity 1, 2 o 3");
 }
 
 }  // namespace
@@ -149,6 +200,7 @@ void start_module() {
         *setting.target = settings.get_dword(setting.name, &value) ? value : setting.missing;
     }
     read_allowed_clients(settings);
+    read_relay_settings(settings);
 
     os::servent* service = os::getservbyname("smtp", "tcp");
     if (service == nullptr) {

@@ -52,6 +52,21 @@ extern std::uint32_t max_sessions;
 // AllowedClients: the peers that get a session; not set, everyone.
 extern AddressList& allowed_clients;
 
+// Sending through relays that want TLS and authentication, each off
+// (0, missing) unless set. RelayPort: the relay's port, 0 the port of the
+// service smtp. RelaySecurity: 0 the documented dialogue, 1 EHLO and
+// STARTTLS when offered, 2 STARTTLS required, 3 TLS from the first byte.
+// RelayVerify, default 1: the relay's certificate must chain to a trusted
+// root and match its name. The texts are file names and the user name;
+// the secrets themselves are read from their files at every SMTPSend.
+extern std::uint32_t relay_port;
+extern std::uint32_t relay_security;
+extern std::uint32_t relay_verify;
+extern CountedString& relay_user;           // RelayUser
+extern CountedString& relay_password_file;  // RelayPasswordFile
+extern CountedString& relay_token_file;     // RelayTokenFile, an OAuth2 bearer token
+extern CountedString& relay_ca_file;        // RelayCAFile, trusted beside the system's roots
+
 // The settings key under HKEY_LOCAL_MACHINE.
 inline constexpr const char* settings_key = "SOFTWARE\\KELTO\\Quillbox32\\SM";
 

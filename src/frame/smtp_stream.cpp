@@ -65,10 +65,16 @@ bool SmtpStream::flush() {
     return true;
 }
 
-ReplyRead SmtpStream::read_reply(int& code) {
+ReplyRead SmtpStream::read_reply(int& code, char* text, std::size_t size) {
     // States: 0..2 the three digits, 3 the separator, 4 the text, 5 after CR.
     int state = 0;
     bool last = false;
+    std::size_t kept = 0;
+    const auto keep = [&](int c) {
+        if (kept + 1 < size) text[kept++] = static_cast<char>(c);
+        if (size > 0) text[kept] = '\0';
+    };
+    if (size > 0) text[0] = '\0';
     code = 0;
     for (;;) {
         const int c = get_byte();
@@ -92,12 +98,19 @@ ReplyRead SmtpStream::read_reply(int& code) {
                 state = 4;
                 break;
             case 4:
-                if (c == '\r') state = 5;
+                if (c == '\r') {
+                    state = 5;
+                } else {
+                    keep(c);
+                }
                 break;
             default:  // 5: only LF right behind CR ends a line
                 if (c != '\n') {
                     state = 4;
-                } else if (last) {
+                    break;
+                }
+                keep('\n');
+                if (last) {
                     return ReplyRead::complete;
                 } else {
                     state = 0;

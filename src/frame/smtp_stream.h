@@ -93,8 +93,10 @@ class SmtpStream {
     bool flush();
 
     // Reads one reply (after the caller's flush): the code of its last line
-    // through code. Only CR LF ends a line; the text is not kept.
-    ReplyRead read_reply(int& code);
+    // through code. Only CR LF ends a line. With text, the lines' texts
+    // behind their codes are kept there, each ending in LF, as far as size
+    // allows (the EHLO keywords); without it, nothing is kept.
+    ReplyRead read_reply(int& code, char* text = nullptr, std::size_t size = 0);
 };
 
 // Formats into text as vsnprintf does: the length, or -1 when the result

@@ -7,6 +7,7 @@
 
 #include "sending/relay.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "frame/message_catalogue.h"
@@ -14,11 +15,13 @@
 #include "frame/text_ops.h"
 #include "qbsmtp/qbsmtp.h"
 #include "sending/message_composition.h"
+#include "sending/relay_security.h"
 #include "sending/smtp_client.h"
 
 namespace qbsmtp {
 
 os::sockaddr_in relay_address{};
+char relay_name[relay_name_size] = {};
 
 int send_init(const char* relay_host) {
     if (smtp_service == nullptr) {
@@ -40,8 +43,11 @@ int send_init(const char* relay_host) {
     os::sockaddr_in address{};
     address.sin_family = os::AF_INET;
     std::memcpy(&address.sin_addr, host->h_addr_list[0], 4);
-    address.sin_port = static_cast<std::uint16_t>(smtp_service->s_port);  // network order already
+    address.sin_port = relay_port != 0
+                           ? os::htons(static_cast<std::uint16_t>(relay_port))
+                           : static_cast<std::uint16_t>(smtp_service->s_port);  // network order
     relay_address = address;
+    std::snprintf(relay_name, sizeof relay_name, "%s", relay_host);
     log_debug("Connecting to %s <%s>", relay_host, host->h_name != nullptr ? host->h_name : "");
     return 1;
 }
@@ -82,6 +88,7 @@ void send_without_delay(SmtpClient& client) {
     }
     client.connected = 1;
     send_without_delay(client);
+    if (relay_security != 0) open_relay_security(client, relay_name);
 
     set_phase_timeout(client, Phase::greeting);
     const int code = read_reply(client);
@@ -91,7 +98,11 @@ void send_without_delay(SmtpClient& client) {
     }
     log_debug("Successfully connected!");
     set_phase_timeout(client, Phase::command);
-    issue_helo(client);
+    if (relay_security == 0) {
+        issue_helo(client);
+    } else {
+        greet_relay(client, relay_name);
+    }
 
     send_mail(client);
 

@@ -3,6 +3,8 @@
 // per call over a new connection and ends in one catch.
 #pragma once
 
+#include <cstddef>
+
 #include "platform/os.h"
 #include "qbsmtp/qbsmtp.h"
 
@@ -11,6 +13,10 @@ namespace qbsmtp {
 // All zero until the first SMTPSendInit that succeeds; replaced as a whole
 // by each later one; never cleared.
 extern os::sockaddr_in relay_address;
+// The name given to the same SMTPSendInit: the name its certificate must
+// match, and the relay of the TLS events.
+inline constexpr std::size_t relay_name_size = 256;
+extern char relay_name[relay_name_size];
 
 // SMTPSendInit: resolves relay_host into relay_address. 1, or 0 after the
 // event (the module not attached: ERROR_INVALID_FUNCTION, no event).

@@ -44,6 +44,8 @@ void SmtpClient::clean_up() {
         socket = os::INVALID_SOCKET;
     }
     connected = 0;
+    os::tls_free_context(tls_context);
+    tls_context = nullptr;
     if (current != nullptr) {
         current->close();
         current = nullptr;
@@ -72,10 +74,10 @@ void write_format(SmtpClient& client, const char* format, ...) {
     for (const char* p = text; *p != '\0'; ++p) client.put_byte(*p);
 }
 
-int read_reply(SmtpClient& client) {
+int read_reply(SmtpClient& client, char* text, std::size_t size) {
     write_flush(client);
     int code = 0;
-    switch (client.read_reply(code)) {
+    switch (client.read_reply(code, text, size)) {
         case ReplyRead::complete:
             return code;
         case ReplyRead::lost:

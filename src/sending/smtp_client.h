@@ -39,6 +39,7 @@ class SmtpClient : public SmtpStream {
     char recipients[client_field_size] = {};  // joined forward path and To text
     char subject[client_field_size] = {};     // Subject text
     char boundary[boundary_size] = {};        // MIME boundary, built by emit_date
+    os::TlsContext* tls_context = nullptr;    // made per send when RelaySecurity asks for TLS
 
     SmtpClient() = default;
     ~SmtpClient();
@@ -52,7 +53,8 @@ class SmtpClient : public SmtpStream {
     // failed_for_now (see fail_send) when the buffer goes out.
     void put_byte(int c);
 
-    // Closes the socket (no QUIT) and the open file; frees the paths.
+    // Closes the socket (no QUIT) and the open file; frees the paths and
+    // the TLS context.
     void clean_up();
 };
 
@@ -72,8 +74,9 @@ inline void SmtpClient::put_byte(int c) {
 void write_format(SmtpClient& client, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
-// Flushes, then reads one reply; the code of its last line.
-int read_reply(SmtpClient& client);
+// Flushes, then reads one reply; the code of its last line. With text,
+// the reply's lines as SmtpStream::read_reply keeps them.
+int read_reply(SmtpClient& client, char* text = nullptr, std::size_t size = 0);
 
 void report_unexpected_reply(int code);
 // The address as "%d.%d.%d.%d"; buffer holds at least 16 bytes.

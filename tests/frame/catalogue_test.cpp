@@ -49,7 +49,8 @@ std::map<std::string, std::uint32_t> code_ids() {
         message_id_invalid, uuencode_begin_missing, uuencode_end_missing, no_recipient, no_sender,
         no_attachment, internal_inconsistency, no_memory_for_session, source_registration_failed,
         spool_rename_failed, uuencode_text_write_failed, client_refused, session_limit_reached,
-        message_too_large, setting_invalid);
+        message_too_large, setting_invalid, relay_unverified, relay_tls_failed,
+        relay_security_missing, relay_auth_failed, relay_secret_unreadable);
 }
 
 TEST(EventCatalogue, IdsSeveritiesAndTextsAreThoseLogReadersKnow) {

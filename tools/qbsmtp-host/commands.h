@@ -56,6 +56,14 @@ struct SendOptions {
     std::optional<std::string> subject;
     std::vector<std::string> files;
     std::optional<int> port;
+    // The relay's settings, written for the module's load (RelaySecurity and
+    // the others); each only when given.
+    std::optional<int> security;  // 0 none, 1 starttls, 2 require-starttls, 3 tls
+    std::optional<std::string> user;
+    std::optional<std::string> password_file;
+    std::optional<std::string> token_file;
+    std::optional<std::string> ca_file;
+    bool no_verify = false;
 };
 
 struct EventsOptions {

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <string>
 
 #include "commands.h"
@@ -180,6 +181,26 @@ int main(int argc, char** argv) {
         ->add_option("--port", send.port,
                      "The relay's port for this message (default: the service smtp's)")
         ->check(port_range);
+    send_command
+        ->add_option("--security", send.security,
+                     "none: the documented dialogue; starttls: when offered; require-starttls; "
+                     "tls: TLS from the first byte")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, int>{
+                {"none", 0}, {"starttls", 1}, {"require-starttls", 2}, {"tls", 3}},
+            CLI::ignore_case));
+    send_command->add_option("--user", send.user, "The user name for AUTH");
+    send_command
+        ->add_option("--password-file", send.password_file, "A file holding the AUTH password")
+        ->check(CLI::ExistingFile);
+    send_command
+        ->add_option("--token-file", send.token_file,
+                     "A file holding an OAuth2 bearer token (AUTH XOAUTH2), read at every send")
+        ->check(CLI::ExistingFile);
+    send_command->add_option("--ca-file", send.ca_file, "More trusted certificates (PEM)")
+        ->check(CLI::ExistingFile);
+    send_command->add_flag("--no-verify", send.no_verify,
+                           "Do not check the relay's certificate (a warning event at every send)");
     send_command
         ->add_option("files", send.files,
                      "The message's files: a first .txt file is its text, the others attachments")

@@ -1,8 +1,13 @@
 // platform_prefix.cpp: prefix resolution and the services file.
 #include "platform_prefix.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -125,6 +130,65 @@ void TemporarySmtpPort::restore() {
         output << *original_;
     }
     fs::rename(temporary, services_, failure);
+}
+
+bool TemporarySettings::apply(const fs::path& registry, const std::string& lines,
+                              std::string& error) {
+    restore();
+    std::error_code failure;
+    original_.reset();
+    struct stat status {};
+    if (::stat(registry.c_str(), &status) == 0) {
+        if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+            std::cerr << "qbsmtp-host: warning: " << registry.string()
+                      << " is readable by other users (chmod 600 it)\n";
+        std::ifstream input(registry, std::ios::binary);
+        std::stringstream bytes;
+        bytes << input.rdbuf();
+        if (!input) {
+            error = "cannot read " + registry.string();
+            return false;
+        }
+        original_ = bytes.str();
+    }
+    fs::create_directories(registry.parent_path(), failure);
+    const int fd = ::open(registry.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const std::string text = (original_ ? *original_ : std::string("REGEDIT4\n")) +
+                             "\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n" + lines;
+    if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        if (fd >= 0) ::close(fd);
+        error = "cannot write " + registry.string();
+        return false;
+    }
+    ::close(fd);
+    registry_ = registry;
+    applied_ = true;
+    return true;
+}
+
+void TemporarySettings::restore() {
+    if (!applied_) return;
+    applied_ = false;
+    std::error_code failure;
+    if (!original_) {
+        fs::remove(registry_, failure);
+        return;
+    }
+    const int fd = ::open(registry_.c_str(), O_WRONLY | O_TRUNC);
+    if (fd < 0) return;
+    if (::write(fd, original_->data(), original_->size()) < 0) {
+        // Nothing better to do: the file keeps the added lines.
+    }
+    ::close(fd);
+}
+
+std::string registry_text_line(const std::string& name, const std::string& value) {
+    std::string escaped;
+    for (char c : value) {
+        if (c == '\\' || c == '"') escaped += '\\';
+        escaped += c;
+    }
+    return "\"" + name + "\"=\"" + escaped + "\"\n";
 }
 
 int effective_smtp_port(const Prefix& prefix) {

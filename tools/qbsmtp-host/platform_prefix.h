@@ -56,6 +56,30 @@ class TemporarySmtpPort {
     bool applied_ = false;
 };
 
+// Settings under the module's key for one load of the module: apply()
+// adds them at the end of registry.reg (a later line wins over an earlier
+// one), restore() (or the destructor) puts the file back as it was. A file
+// made here is readable by its owner only (it names secret files); a
+// warning goes to stderr when an existing one is readable by others.
+class TemporarySettings {
+  public:
+    TemporarySettings() = default;
+    TemporarySettings(const TemporarySettings&) = delete;
+    TemporarySettings& operator=(const TemporarySettings&) = delete;
+    ~TemporarySettings() { restore(); }
+
+    // lines: REGEDIT4 value lines ("Name"=dword:... or "Name"="text").
+    bool apply(const std::filesystem::path& registry, const std::string& lines, std::string& error);
+    void restore();
+
+  private:
+    std::filesystem::path registry_;
+    std::optional<std::string> original_;
+    bool applied_ = false;
+};
+// A REGEDIT4 text value line, with backslashes and quotes escaped.
+std::string registry_text_line(const std::string& name, const std::string& value);
+
 // The port the module will listen on and send to: the prefix's services
 // file first, then the system's, then 25.
 int effective_smtp_port(const Prefix& prefix);

@@ -4,9 +4,12 @@
 // blocks with the module's LocalFree.
 //
 // The module sends to the relay's port of the service "smtp", as the
-// prefix's services file (else the system's) gives it. --port sets it for
-// this message only: the entry is written for the module's load and put
-// back right after, so serve keeps its own port.
+// prefix's services file (else the system's) gives it. --port and the
+// relay's security options are the module's Relay* settings for this
+// message only: they are added to registry.reg for the module's load and
+// taken out right after, so the prefix keeps its own settings.
+#include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -40,20 +43,44 @@ bool fill_send_record(MailRecord& record, const SendOptions& options, const Allo
     return !failed;
 }
 
+std::string dword_line(const char* name, int value) {
+    char text[80];
+    std::snprintf(text, sizeof text, "\"%s\"=dword:%08x\n", name, static_cast<unsigned>(value));
+    return text;
+}
+
+// The relay's settings that the command line gives; file names are made
+// absolute, as the module does not share this process's directory view.
+std::string relay_settings(const SendOptions& options) {
+    std::string lines;
+    const auto file = [&](const char* name, const std::optional<std::string>& path) {
+        if (path) lines += registry_text_line(name, std::filesystem::absolute(*path).string());
+    };
+    if (options.port) lines += dword_line("RelayPort", *options.port);
+    if (options.security) lines += dword_line("RelaySecurity", *options.security);
+    if (options.user) lines += registry_text_line("RelayUser", *options.user);
+    file("RelayPasswordFile", options.password_file);
+    file("RelayTokenFile", options.token_file);
+    file("RelayCAFile", options.ca_file);
+    if (options.no_verify) lines += dword_line("RelayVerify", 0);
+    return lines;
+}
+
 }  // namespace
 
 int run_send(const SendOptions& options) {
     const Prefix prefix = resolve_prefix();
     std::string error;
-    TemporarySmtpPort relay_port;
-    if (options.port && !relay_port.apply(prefix.services(), *options.port, error)) {
+    TemporarySettings settings;
+    const std::string lines = relay_settings(options);
+    if (!lines.empty() && !settings.apply(prefix.registry(), lines, error)) {
         std::cerr << "qbsmtp-host: " << error << '\n';
         return 1;
     }
     block_stop_signals();
     Module module;
     const bool loaded = module.load(module_candidates(options.module_path), error);
-    relay_port.restore();
+    settings.restore();
     if (!loaded) {
         std::cerr << "qbsmtp-host: " << error << '\n';
         return 1;
