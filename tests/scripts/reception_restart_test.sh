@@ -7,7 +7,7 @@ set -euo pipefail
 HOST="$QBSMTP_BUILD_DIR/qbsmtp-host"
 WORK=$(mktemp -d /tmp/qbsmtp-restart-XXXXXX)
 pids=()
-trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; rm -rf "$WORK"' EXIT
+trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null; rm -rf "$WORK" || true' EXIT
 fail() { echo "FAIL: $*" >&2; tail -n 5 "$WORK"/*.err "$WORK"/*/events.jsonl >&2; exit 1; }
 # wait_until SECONDS COMMAND...: polls until COMMAND succeeds.
 wait_until() {
