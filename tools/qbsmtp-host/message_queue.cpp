@@ -265,7 +265,7 @@ bool MessageQueue::fail(const QueuedMessage& message, const std::string& reason,
         const fs::path from = attachment.get<std::string>();
         fs::path to = files / from.filename();
         for (int suffix = 1; taken.count(to.string()) != 0; ++suffix)
-            to = files / fs::path(from.filename()).concat("." + std::to_string(suffix));
+            to = files / fs::path(from.filename()).concat(".").concat(std::to_string(suffix));
         taken.insert(to.string());
         moves.push_back({from.string(), to.string()});
         kept.push_back(to.string());
