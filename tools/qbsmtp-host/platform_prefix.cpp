@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -38,6 +39,22 @@ std::optional<int> smtp_tcp_port(const std::string& line) {
     const int port = std::stoi(digits);
     if (port < 1 || port > 65535) return std::nullopt;
     return port;
+}
+
+// The whole file into original, which stays empty when there is no file.
+bool keep_original(const fs::path& path, std::optional<std::string>& original, std::string& error) {
+    original.reset();
+    std::error_code failure;
+    if (!fs::exists(path, failure)) return true;
+    std::ifstream input(path, std::ios::binary);
+    std::stringstream bytes;
+    bytes << input.rdbuf();
+    if (!input) {
+        error = "cannot read " + path.string();
+        return false;
+    }
+    original = bytes.str();
+    return true;
 }
 
 }  // namespace
@@ -98,18 +115,7 @@ bool write_smtp_port(const fs::path& services, int port, std::string& error) {
 
 bool TemporarySmtpPort::apply(const fs::path& services, int port, std::string& error) {
     restore();
-    std::error_code failure;
-    original_.reset();
-    if (fs::exists(services, failure)) {
-        std::ifstream input(services, std::ios::binary);
-        std::stringstream bytes;
-        bytes << input.rdbuf();
-        if (!input) {
-            error = "cannot read " + services.string();
-            return false;
-        }
-        original_ = bytes.str();
-    }
+    if (!keep_original(services, original_, error)) return false;
     if (!write_smtp_port(services, port, error)) return false;
     services_ = services;
     applied_ = true;
@@ -135,22 +141,12 @@ void TemporarySmtpPort::restore() {
 bool TemporarySettings::apply(const fs::path& registry, const std::string& lines,
                               std::string& error) {
     restore();
-    std::error_code failure;
-    original_.reset();
     struct stat status {};
-    if (::stat(registry.c_str(), &status) == 0) {
-        if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0)
-            std::cerr << "qbsmtp-host: warning: " << registry.string()
-                      << " is readable by other users (chmod 600 it)\n";
-        std::ifstream input(registry, std::ios::binary);
-        std::stringstream bytes;
-        bytes << input.rdbuf();
-        if (!input) {
-            error = "cannot read " + registry.string();
-            return false;
-        }
-        original_ = bytes.str();
-    }
+    if (::stat(registry.c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+        std::cerr << "qbsmtp-host: warning: " << registry.string()
+                  << " is readable by other users (chmod 600 it)\n";
+    if (!keep_original(registry, original_, error)) return false;
+    std::error_code failure;
     fs::create_directories(registry.parent_path(), failure);
     const int fd = ::open(registry.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const std::string text = (original_ ? *original_ : std::string("REGEDIT4\n")) +
