@@ -44,18 +44,6 @@
 namespace qbsmtp::test {
 namespace {
 
-const std::map<std::string, os::Op> fault_ops = {
-    {"socket", os::Op::socket},
-    {"setsockopt", os::Op::setsockopt},
-    {"send", os::Op::send},
-    {"recv", os::Op::recv},
-    {"gethostbyname", os::Op::gethostbyname},
-    {"CreateFileA", os::Op::CreateFileA},
-    {"ReadFile", os::Op::ReadFile},
-    {"GetTimeZoneInformation", os::Op::GetTimeZoneInformation},
-    {"RegOpenKeyExA", os::Op::RegOpenKeyExA},
-};
-
 std::string multi_string(const std::vector<std::string>& entries) {
     std::string block;
     for (const std::string& entry : entries) block += entry + '\0';
@@ -126,14 +114,7 @@ TEST_P(Sending, WireResultAndEvents) {
     }
     for (const TranscriptLine& line : lines) {
         SCOPED_TRACE("line " + std::to_string(line.number));
-        if (line.tag == "fault") {
-            char op[40] = {}, always[8] = {};
-            unsigned nth = 0, error = 0;
-            ASSERT_GE(std::sscanf(line.text.c_str(), "%39s %u %u %7s", op, &nth, &error, always),
-                      3);
-            ASSERT_EQ(fault_ops.count(op), 1u) << "no such operation here";
-            os::fault_arm(fault_ops.at(op), nth, error, std::string(always) == "always");
-        }
+        if (line.tag == "fault") arm_fault(line.text);
         if (line.tag == "nofault") os::fault_clear();
         if (line.tag == "init") {
             const std::size_t blank = line.text.find(' ');
@@ -163,15 +144,7 @@ TEST_P(Sending, WireResultAndEvents) {
     } else {
         EXPECT_EQ(relay.stop(), 0) << "a connection although the case has no relay lines";
     }
-    std::vector<std::string> logged = event_lines();
-    for (std::string& line : logged)
-        for (std::size_t at; (at = line.find(prefix.path())) != std::string::npos;)
-            line.replace(at, prefix.path().size(), "PREFIX");
-    for (std::size_t i = 0; i < std::max(logged.size(), events.size()); ++i) {
-        ASSERT_LT(i, events.size()) << "an event nobody expected: " << logged[i];
-        ASSERT_LT(i, logged.size()) << "an event expected but absent: " << events[i];
-        EXPECT_EQ(difference(events[i], logged[i], from, to_time), "");
-    }
+    expect_events(events, event_lines(prefix.path(), "PREFIX"), from, to_time);
 }
 
 INSTANTIATE_TEST_SUITE_P(Data, Sending,
