@@ -4,10 +4,12 @@
 
 namespace qbsmtp {
 
-int ThreadHandle::start(os::ThreadEntry entry, void* argument) {
+int ThreadHandle::start(os::ThreadEntry entry, void* argument, unsigned stack_size) {
     close();
     unsigned id = 0;
-    const std::uintptr_t result = os::_beginthreadex(nullptr, 0, entry, argument, 0, &id);
+    const unsigned flags = stack_size != 0 ? os::STACK_SIZE_PARAM_IS_A_RESERVATION : 0;
+    const std::uintptr_t result =
+        os::_beginthreadex(nullptr, stack_size, entry, argument, flags, &id);
     thread_id = id;
     if (result == 0 || result == ~std::uintptr_t{0}) {
         os::SetLastError(os::doserrno());

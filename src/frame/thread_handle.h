@@ -18,8 +18,9 @@ class ThreadHandle {
     ThreadHandle(const ThreadHandle&) = delete;
     ThreadHandle& operator=(const ThreadHandle&) = delete;
 
-    // 1, or 0 with the last error set.
-    int start(os::ThreadEntry entry, void* argument);
+    // 1, or 0 with the last error set. A stack_size of 0 takes the
+    // process's default; another value is the thread's whole stack.
+    int start(os::ThreadEntry entry, void* argument, unsigned stack_size = 0);
     void close();
 };
 

@@ -128,6 +128,9 @@ inline constexpr DWORD FILE_SHARE_READ = 1;
 inline constexpr DWORD FILE_SHARE_WRITE = 2;
 inline constexpr DWORD FILE_SHARE_DELETE = 4;
 inline constexpr DWORD MOVEFILE_WRITE_THROUGH = 0x8;
+// _beginthreadex: the stack size is what the thread reserves, not what it
+// commits at once.
+inline constexpr unsigned STACK_SIZE_PARAM_IS_A_RESERVATION = 0x00010000;
 inline constexpr DWORD CREATE_NEW = 1;
 inline constexpr DWORD CREATE_ALWAYS = 2;
 inline constexpr DWORD OPEN_EXISTING = 3;

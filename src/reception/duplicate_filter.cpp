@@ -93,25 +93,44 @@ RecentMessage (&recent_messages)[recent_message_slots] = recent_message_storage.
 // Windows the runtime runs static constructors before DllMain.
 std::mutex recent_messages_lock;
 
-int SpoolFileReader::read_file_byte() {
-    if (cursor_ == count_) {
-        if (ended_) return -1;
-        os::DWORD got = 0;
-        if (!os::ReadFile(file_, buffer_, buffer_size, &got, nullptr) || got == 0) {
-            ended_ = true;
-            return -1;
-        }
-        cursor_ = 0;
-        count_ = got;
+bool SpoolFileReader::refill() {
+    if (ended_) return false;
+    os::DWORD got = 0;
+    if (!os::ReadFile(file_, buffer_, buffer_size, &got, nullptr) || got == 0) {
+        ended_ = true;
+        return false;
     }
+    cursor_ = 0;
+    count_ = got;
+    return true;
+}
+
+int SpoolFileReader::read_file_byte() {
+    if (cursor_ == count_ && !refill()) return -1;
     return buffer_[cursor_++];
+}
+
+int SpoolFileReader::skip_to_byte(unsigned char wanted) {
+    for (;;) {
+        if (cursor_ == count_ && !refill()) return -1;
+        const void* found = std::memchr(buffer_ + cursor_, wanted, count_ - cursor_);
+        if (found != nullptr) {
+            cursor_ =
+                static_cast<std::size_t>(static_cast<const unsigned char*>(found) - buffer_) + 1;
+            return wanted;
+        }
+        cursor_ = count_;
+    }
 }
 
 int find_in_file(SpoolFileReader& file, const char* literal) {
     const std::size_t length = std::strlen(literal);
+    if (length == 0) return 1;
     std::size_t matched = 0;
     while (matched < length) {
-        const int byte = file.read_file_byte();
+        // A match can only start at the literal's first byte: jump there.
+        const int byte = matched == 0 ? file.skip_to_byte(static_cast<unsigned char>(literal[0]))
+                                      : file.read_file_byte();
         if (byte == -1) break;
         if (byte == static_cast<unsigned char>(literal[matched]))
             ++matched;

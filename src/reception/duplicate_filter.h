@@ -45,9 +45,15 @@ class SpoolFileReader {
     // Next byte as 0..255, or -1 at the end of the file and on a failed
     // read (and from then on).
     int read_file_byte();
+    // Reads on up to and including the next byte equal to wanted: the
+    // same bytes as read_file_byte until it returns wanted, found by
+    // memchr. wanted, or -1 as read_file_byte gives it.
+    int skip_to_byte(unsigned char wanted);
 
   private:
-    static constexpr std::size_t buffer_size = 4096;
+    bool refill();
+
+    static constexpr std::size_t buffer_size = 16 * 1024;
     os::HANDLE file_;
     unsigned char buffer_[buffer_size];
     std::size_t cursor_ = 0;
