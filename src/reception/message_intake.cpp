@@ -55,8 +55,8 @@ void make_debug_copy(const SmtpSession& session) {
 
 // Hands the file over to pickup by its final name, on the disk before the
 // call returns unless SpoolSync is 0. A failed rename leaves the .tmp file
-// where nothing picks it up while the peer has its 250 already: the one
-// loss that must not pass in silence, so it has an event of its own.
+// where nothing picks it up while the peer gets its 250 all the same: the
+// one loss that must not pass in silence, so it has an event of its own.
 void publish_spool_file(const SmtpSession& session) {
     char final_path[os::MAX_PATH];
     std::memcpy(final_path, session.spool_path, sizeof final_path);
@@ -75,16 +75,18 @@ void publish_spool_file(const SmtpSession& session) {
                                     error);
 }
 
-// The message is complete and closed: answer, then keep or drop the file.
+// The message is complete, synced and closed: hand it over (or drop a
+// repeat), then answer. The 250 comes last so that a process that ends at
+// any moment after it leaves the message under its final name; ending
+// before it, the peer has no 250 and sends the message again.
 int accept_message(SmtpSession& session) {
-    session_printf(session, "250 Mail accepted\r\n");
     event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::mail_accepted, session.spool_path);
-    session_flush(session);
     if (event_reporter.mask_has(QBSMTP_LOG_DEBUG_COPY)) make_debug_copy(session);
     if (check_duplicate(session.spool_path) != 0)
         publish_spool_file(session);
     else
         os::DeleteFileA(session.spool_path);
+    reply(session, "250 Mail accepted\r\n");
     return LINE_CLEAN;
 }
 

@@ -9,7 +9,8 @@
 // accept next returns, so after it the host makes one loopback connection
 // to its own port. The listener wakes, closes that connection unanswered
 // and ends, and the host exits; sessions still running end with the
-// process, and a message they had not yet acknowledged was never accepted.
+// process: a message is renamed to .822 before its 250, so one they had
+// not yet acknowledged was never accepted and one they had is kept.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
