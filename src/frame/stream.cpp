@@ -74,6 +74,9 @@ struct Stream::Impl {
     bool write_failed = false;  // a write or flush failed; close() reports it
     os::DWORD write_error = 0;  // the reason of the first failed write
 
+    WriteObserver observer = nullptr;  // sees each run of bytes before it is written
+    void* observer_context = nullptr;
+
     ~Impl() {
         delete[] storage;
         delete[] crlf_bits;
@@ -110,6 +113,7 @@ struct Stream::Impl {
 
     static bool write_raw(Stream& s, const char* source, std::size_t size) {
         Impl& m = *s.impl_;
+        if (m.observer != nullptr) m.observer(m.observer_context, source, size);
         if (m.append) {
             // As an append-mode C stream: every write goes to the current end.
             os::LONGLONG end = 0;
@@ -473,6 +477,11 @@ int Stream::flush() {
     if (!Impl::write_raw(*this, impl_->buffer, held)) return eof;
     write_cursor_ = impl_->buffer;
     return 0;
+}
+
+void Stream::observe_writes(WriteObserver observer, void* context) {
+    impl_->observer = observer;
+    impl_->observer_context = context;
 }
 
 int Stream::sync() {

@@ -60,6 +60,11 @@ class Stream {
     void rewind();
     bool error() const { return error_; }
     bool at_end() const { return at_end_; }
+    // A writing stream hands every run of bytes to observer just before it
+    // goes to the file, in file order: whoever must know the file's
+    // content need not read it back.
+    using WriteObserver = void (*)(void* context, const char* bytes, std::size_t size);
+    void observe_writes(WriteObserver observer, void* context);
 
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;

@@ -72,19 +72,6 @@ int choose_slot() {
     return candidate;
 }
 
-// Reads the identifier behind the literal into id (NUL-terminated). 1 when
-// '>' closed it within max_message_id bytes, else 0.
-int read_message_id(SpoolFileReader& file, char (&id)[max_message_id + 1]) {
-    std::size_t stored = 0;
-    int byte = file.read_file_byte();
-    while (byte != -1 && byte != '>' && stored < max_message_id) {
-        id[stored++] = static_cast<char>(byte);
-        byte = file.read_file_byte();
-    }
-    id[stored] = '\0';
-    return byte == '>';
-}
-
 }  // namespace
 
 RecentMessage (&recent_messages)[recent_message_slots] = recent_message_storage.slots;
@@ -93,68 +80,72 @@ RecentMessage (&recent_messages)[recent_message_slots] = recent_message_storage.
 // Windows the runtime runs static constructors before DllMain.
 std::mutex recent_messages_lock;
 
-bool SpoolFileReader::refill() {
-    if (ended_) return false;
-    os::DWORD got = 0;
-    if (!os::ReadFile(file_, buffer_, buffer_size, &got, nullptr) || got == 0) {
-        ended_ = true;
-        return false;
-    }
-    cursor_ = 0;
-    count_ = got;
-    return true;
-}
-
-int SpoolFileReader::read_file_byte() {
-    if (cursor_ == count_ && !refill()) return -1;
-    return buffer_[cursor_++];
-}
-
-int SpoolFileReader::skip_to_byte(unsigned char wanted) {
-    for (;;) {
-        if (cursor_ == count_ && !refill()) return -1;
-        const void* found = std::memchr(buffer_ + cursor_, wanted, count_ - cursor_);
-        if (found != nullptr) {
-            cursor_ =
-                static_cast<std::size_t>(static_cast<const unsigned char*>(found) - buffer_) + 1;
-            return wanted;
-        }
-        cursor_ = count_;
-    }
-}
-
-int find_in_file(SpoolFileReader& file, const char* literal) {
-    const std::size_t length = std::strlen(literal);
-    if (length == 0) return 1;
-    std::size_t matched = 0;
-    while (matched < length) {
-        // A match can only start at the literal's first byte: jump there.
-        const int byte = matched == 0 ? file.skip_to_byte(static_cast<unsigned char>(literal[0]))
-                                      : file.read_file_byte();
-        if (byte == -1) break;
-        if (byte == static_cast<unsigned char>(literal[matched]))
-            ++matched;
-        else
-            matched = 0;  // no look-back: this byte is not tried as a first byte
-    }
-    return matched == length;
-}
-
-int check_duplicate(const char* path) {
-    const os::HANDLE file = os::CreateFileA(path, os::GENERIC_READ, os::FILE_SHARE_READ, nullptr,
-                                            os::OPEN_EXISTING, 0, nullptr);
-    if (file == os::INVALID_HANDLE_VALUE) return 1;
-    char id[max_message_id + 1];
-    int valid = 0;
-    {
-        SpoolFileReader reader(file);
-        if (find_in_file(reader, message_id_literal)) {
-            valid = read_message_id(reader, id);
-            if (!valid) event_reporter.report(event::message_id_invalid, path);
+void MessageIdScanner::feed(const char* bytes, std::size_t size) {
+    constexpr std::size_t length = sizeof message_id_literal - 1;
+    const char* at = bytes;
+    const char* const end = bytes + size;
+    while (at < end) {
+        switch (state_) {
+            case State::searching:
+                if (matched_ == 0) {
+                    // A match can only start at the literal's first byte.
+                    const void* first =
+                        std::memchr(at, message_id_literal[0], static_cast<std::size_t>(end - at));
+                    if (first == nullptr) return;
+                    at = static_cast<const char*>(first) + 1;
+                    matched_ = 1;
+                } else if (*at++ == message_id_literal[matched_]) {
+                    ++matched_;
+                } else {
+                    matched_ = 0;  // no look-back: this byte is not tried as a first byte
+                }
+                if (matched_ == length) state_ = State::capturing;
+                break;
+            case State::capturing: {
+                const char c = *at++;
+                if (c == '>') {
+                    id_[stored_] = '\0';
+                    state_ = State::valid;
+                } else if (stored_ == max_message_id) {
+                    state_ = State::invalid;
+                } else {
+                    id_[stored_++] = c;
+                }
+                break;
+            }
+            case State::valid:
+            case State::invalid:
+                return;
         }
     }
-    os::CloseHandle(file);
-    if (!valid) return 1;
+}
+
+MessageIdScanner::Result MessageIdScanner::result() const {
+    switch (state_) {
+        case State::searching:
+            return Result::none;
+        case State::valid:
+            return Result::valid;
+        default:
+            return Result::invalid;  // capturing when the file ended, or too long
+    }
+}
+
+void scan_written_bytes(void* context, const char* bytes, std::size_t size) {
+    static_cast<MessageIdScanner*>(context)->feed(bytes, size);
+}
+
+int check_duplicate(const char* path, const MessageIdScanner& scan) {
+    switch (scan.result()) {
+        case MessageIdScanner::Result::none:
+            return 1;
+        case MessageIdScanner::Result::invalid:
+            event_reporter.report(event::message_id_invalid, path);
+            return 1;
+        case MessageIdScanner::Result::valid:
+            break;
+    }
+    const char* id = scan.id();
 
     // Search, choice and write are one step, so that two sessions never
     // interleave on a slot; the report waits until the lock is released.

@@ -1,10 +1,9 @@
 // duplicate_filter.h: recognises a message that repeats one of the last
 // seven by its message identifier, so that its spool file can be dropped.
 //
-// check_duplicate looks at a complete spool file: 1 keep it, 0 it repeats a
-// remembered message (the caller deletes the file; the filter deletes
-// nothing). The identifier is what follows the first "Message-Id: <"
-// anywhere in the file, up to '>'. recent_messages is module-wide and
+// check_duplicate judges a complete spool file by the identifier its
+// scanner found: 1 keep it, 0 it repeats a remembered message (the caller
+// deletes the file; the filter deletes nothing). recent_messages is module-wide and
 // remembered in memory only; every read or write of it holds
 // recent_messages_lock, so concurrent sessions may call check_duplicate.
 #pragma once
@@ -33,39 +32,34 @@ inline constexpr const char message_id_literal[] = "Message-Id: <";
 extern RecentMessage (&recent_messages)[recent_message_slots];
 extern std::mutex recent_messages_lock;
 
-// A file opened for reading, read through a buffer. Its bytes come out one
-// at a time by read_file_byte, exactly as one ReadFile per byte would give
-// them; only the number of system calls differs.
-class SpoolFileReader {
+// Finds the message identifier in a spool file's bytes as they are
+// written, so that the file need not be read again: the identifier is what
+// follows the first "Message-Id: <" up to '>'. The search has no
+// look-back: a byte that breaks a partial match is not tried as a new
+// first byte. Fed with every byte of the file, in order.
+class MessageIdScanner {
   public:
-    explicit SpoolFileReader(os::HANDLE file) : file_(file) {}
-    SpoolFileReader(const SpoolFileReader&) = delete;
-    SpoolFileReader& operator=(const SpoolFileReader&) = delete;
+    enum class Result {
+        none,     // no "Message-Id: <" in the file
+        valid,    // '>' came within max_message_id bytes: id() holds it
+        invalid,  // it did not, or the file ended first
+    };
 
-    // Next byte as 0..255, or -1 at the end of the file and on a failed
-    // read (and from then on).
-    int read_file_byte();
-    // Reads on up to and including the next byte equal to wanted: the
-    // same bytes as read_file_byte until it returns wanted, found by
-    // memchr. wanted, or -1 as read_file_byte gives it.
-    int skip_to_byte(unsigned char wanted);
+    void feed(const char* bytes, std::size_t size);
+    Result result() const;
+    const char* id() const { return id_; }
 
   private:
-    bool refill();
-
-    static constexpr std::size_t buffer_size = 16 * 1024;
-    os::HANDLE file_;
-    unsigned char buffer_[buffer_size];
-    std::size_t cursor_ = 0;
-    std::size_t count_ = 0;
-    bool ended_ = false;
+    enum class State { searching, capturing, valid, invalid };
+    State state_ = State::searching;
+    std::size_t matched_ = 0;  // bytes of the literal matched so far
+    std::size_t stored_ = 0;   // bytes of the identifier so far
+    char id_[max_message_id + 1] = {};
 };
 
-// Single pass with no look-back: a byte that breaks a partial match is not
-// tried as a new first byte. 1 when literal was found (the reader then
-// stands behind it), 0 when the file ended first.
-int find_in_file(SpoolFileReader& file, const char* literal);
+// For Stream::observe_writes: feeds the bytes to the scanner at context.
+void scan_written_bytes(void* context, const char* bytes, std::size_t size);
 
-int check_duplicate(const char* path);
+int check_duplicate(const char* path, const MessageIdScanner& scan);
 
 }  // namespace qbsmtp

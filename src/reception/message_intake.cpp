@@ -79,10 +79,10 @@ void publish_spool_file(const SmtpSession& session) {
 // repeat), then answer. The 250 comes last so that a process that ends at
 // any moment after it leaves the message under its final name; ending
 // before it, the peer has no 250 and sends the message again.
-int accept_message(SmtpSession& session) {
+int accept_message(SmtpSession& session, const MessageIdScanner& scan) {
     event_reporter.report_if(QBSMTP_LOG_SESSIONS, event::mail_accepted, session.spool_path);
     if (event_reporter.mask_has(QBSMTP_LOG_DEBUG_COPY)) make_debug_copy(session);
-    if (check_duplicate(session.spool_path) != 0)
+    if (check_duplicate(session.spool_path, scan) != 0)
         publish_spool_file(session);
     else
         os::DeleteFileA(session.spool_path);
@@ -231,6 +231,10 @@ int receive_message(SmtpSession& session) {
         return LINE_EXTRA;
     }
     reply(session, "354 Start mail input; end with <CRLF>.<CRLF>\r\n");
+    // The duplicate filter's search runs over the bytes as they go to the
+    // file, so an accepted file is not read again.
+    MessageIdScanner scan;
+    session.spool->observe_writes(scan_written_bytes, &scan);
     int result = write_trace_headers(session) < 0 ? LINE_EXTRA : receive_text(session);
     if (result == LINE_CLEAN) {
         // With a buffered stream a full disk may show only at the close, and
@@ -240,7 +244,7 @@ int receive_message(SmtpSession& session) {
         Stream* spool = session.spool;
         session.spool = nullptr;
         const bool synced = spool_sync == 0 || spool->sync() == 0;
-        if (spool->close() == 0 && synced) return accept_message(session);
+        if (spool->close() == 0 && synced) return accept_message(session, scan);
         os::DeleteFileA(session.spool_path);
         reply(session, "452 No space left, try again later\r\n");
         return LINE_EXTRA;
