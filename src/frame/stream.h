@@ -58,6 +58,23 @@ class Stream {
     int getpos(std::int64_t* position);
     int setpos(const std::int64_t* position);
     void rewind();
+    // Bulk access, for readers and writers that work on runs of bytes.
+    // The unread bytes held now, in reading order (taken-back ones first);
+    // consume(n) reads the first n of them. An empty view is no end of the
+    // input: getc refills the buffer.
+    const char* read_view() const { return read_cursor_; }
+    std::size_t read_view_size() const {
+        return static_cast<std::size_t>(read_end_ - read_cursor_);
+    }
+    void consume(std::size_t count) { read_cursor_ += count; }
+    // The free room of a writing stream's buffer (none on a reading or
+    // failed stream); produce(n) keeps the first n bytes stored there. A
+    // full buffer is flushed by the next putc or write, as usual.
+    char* write_view() const { return write_cursor_; }
+    std::size_t write_view_size() const {
+        return static_cast<std::size_t>(write_end_ - write_cursor_);
+    }
+    void produce(std::size_t count) { write_cursor_ += count; }
     bool error() const { return error_; }
     bool at_end() const { return at_end_; }
 
