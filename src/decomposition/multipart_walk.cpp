@@ -81,9 +81,9 @@ void open_part_file(ParseContext& context, const ContentInfo& info, char* path) 
         event_reporter.report_error(event::create_file_failed, path, os::GetLastError());
         throw 1;
     }
-    os::CloseHandle(file);
     context.output_path = path;
-    context.output = Stream::open(path, "wb");
+    // The new file's own handle becomes the stream: one open per part.
+    context.output = Stream::adopt(file, "wb");
     if (context.output == nullptr) {
         event_reporter.report_error(event::open_file_failed, path, os::GetLastError());
         throw 1;

@@ -27,6 +27,10 @@ class Stream {
 
     // Opens path; null with the last error set on failure.
     static Stream* open(const char* path, const char* mode);
+    // Takes over file, open with the access that mode needs, as a stream of
+    // that mode standing at the file's start ("ab": at its end). The stream
+    // closes it; so does a failure, which returns null as open does.
+    static Stream* adopt(os::HANDLE file, const char* mode);
     // Flushes, closes and frees the stream: 0, or eof if a write or the
     // close failed (the last error says why).
     int close();
