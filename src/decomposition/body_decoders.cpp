@@ -25,22 +25,36 @@ void take_back(Stream& in, const unsigned char* bytes, std::size_t count) {
     while (count > 0) in.ungetc(bytes[--count]);
 }
 
-// Replaces each '=' and two hexadecimal digits by the byte they name,
-// left to right; a decoded byte is not looked at again, so "=3D41" gives
-// "=41". The new count.
-std::size_t decode_escapes(unsigned char* line, std::size_t count) {
+// Copies count bytes from `from` to `to`, replacing each '=' and two
+// hexadecimal digits by the byte they name, left to right; a decoded byte
+// is not looked at again, so "=3D41" gives "=41". `to` may be `from` (the
+// result is never longer). The count written.
+std::size_t decode_escapes(const unsigned char* from, std::size_t count, unsigned char* to) {
     std::size_t out = 0;
-    for (std::size_t i = 0; i < count;) {
-        if (line[i] == '=' && i + 2 < count && is_hex_digit(line[i + 1]) &&
-            is_hex_digit(line[i + 2])) {
-            line[out++] =
-                static_cast<unsigned char>(hex_value(line[i + 1]) * 16 + hex_value(line[i + 2]));
+    std::size_t i = 0;
+    while (i < count) {
+        const void* equals = std::memchr(from + i, '=', count - i);
+        const std::size_t run =
+            equals != nullptr
+                ? static_cast<std::size_t>(static_cast<const unsigned char*>(equals) - (from + i))
+                : count - i;
+        std::memmove(to + out, from + i, run);
+        out += run;
+        i += run;
+        if (i == count) break;
+        if (i + 2 < count && is_hex_digit(from[i + 1]) && is_hex_digit(from[i + 2])) {
+            to[out++] =
+                static_cast<unsigned char>(hex_value(from[i + 1]) * 16 + hex_value(from[i + 2]));
             i += 3;
         } else {
-            line[out++] = line[i++];
+            to[out++] = from[i++];
         }
     }
     return out;
+}
+
+std::size_t decode_escapes(unsigned char* line, std::size_t count) {
+    return decode_escapes(line, count, line);
 }
 
 // How much of a piece of an over-long line can be decoded now. Trailing
@@ -72,9 +86,84 @@ struct Base64Table {
 constexpr Base64Table base64_table;
 constexpr int base64_padding = 64;
 
+// Decodes whole groups of four data characters ('=' is none) from the
+// input's buffer straight into the output's, as long as both hold one:
+// what the byte loop does with such a group when no group is under way.
+// Everything else (line ends, dashes, pads, other bytes, a group split by
+// the end of a buffer or by a full output buffer) is left to it. The
+// number of groups decoded.
+std::size_t decode_groups(Stream& in, Stream& out) {
+    const auto* from = reinterpret_cast<const unsigned char*>(in.read_view());
+    auto* to = reinterpret_cast<unsigned char*>(out.write_view());
+    std::size_t groups = in.read_view_size() / 4;
+    const std::size_t room = out.write_view_size() / 3;
+    if (room < groups) groups = room;
+    std::size_t done = 0;
+    for (; done < groups; ++done, from += 4, to += 3) {
+        const std::int8_t a = base64_table.value[from[0]];
+        const std::int8_t b = base64_table.value[from[1]];
+        const std::int8_t c = base64_table.value[from[2]];
+        const std::int8_t d = base64_table.value[from[3]];
+        // -1 (not in the alphabet) and 64 ('=') both have a bit above the six.
+        if (((a | b | c | d) & ~0x3F) != 0) break;
+        const auto bits = static_cast<std::uint32_t>(a) << 18 |
+                          static_cast<std::uint32_t>(b) << 12 | static_cast<std::uint32_t>(c) << 6 |
+                          static_cast<std::uint32_t>(d);
+        to[0] = static_cast<unsigned char>(bits >> 16);
+        to[1] = static_cast<unsigned char>(bits >> 8);
+        to[2] = static_cast<unsigned char>(bits);
+    }
+    in.consume(done * 4);
+    out.produce(done * 3);
+    return done;
+}
+
 // A uuencoded character's six bits; ' ' and '`' are both 0.
 int uu_value(int c) {
     return (c - ' ') & 63;
+}
+
+// What decode_held_line did.
+enum class HeldLine { decoded, boundary, not_held };
+
+// Decodes the next line straight from the input's buffer if the buffer
+// holds it whole with its LF, within the qp_line_size - 1 bytes that the
+// byte loop below takes in as one piece; it then does with it what that
+// loop does with such a piece. A boundary line is left unread.
+HeldLine decode_held_line(Stream& in, Stream& out, bool at_line_start, const char* pattern,
+                          std::size_t pattern_length, const char* who) {
+    const auto* line = reinterpret_cast<const unsigned char*>(in.read_view());
+    std::size_t held = in.read_view_size();
+    if (held > qp_line_size - 1) held = qp_line_size - 1;
+    const void* lf = std::memchr(line, '\n', held);
+    if (lf == nullptr) return HeldLine::not_held;
+    const std::size_t n =
+        static_cast<std::size_t>(static_cast<const unsigned char*>(lf) - line) + 1;
+    if (at_line_start && n >= pattern_length && std::memcmp(line, pattern, pattern_length) == 0)
+        return HeldLine::boundary;
+
+    std::size_t text = n;
+    while (text > 0 && line[text - 1] <= ' ') --text;
+    const bool soft_break = text > 0 && line[text - 1] == '=';
+    if (soft_break) --text;
+    // Decoded straight into the output buffer if it has room for the most
+    // the line can give; else as the byte loop does, so that the buffer is
+    // flushed where it would be.
+    auto* room = reinterpret_cast<unsigned char*>(out.write_view());
+    unsigned char local[qp_line_size];
+    const bool direct = out.write_view_size() >= text + 2;
+    unsigned char* to = direct ? room : local;
+    std::size_t decoded = decode_escapes(line, text, to);
+    if (!soft_break) {
+        to[decoded++] = '\r';
+        to[decoded++] = '\n';
+    }
+    if (direct)
+        out.produce(decoded);
+    else
+        put_bytes(out, local, decoded, who);
+    in.consume(n);
+    return HeldLine::decoded;
 }
 
 }  // namespace
@@ -101,6 +190,13 @@ void load_quoted_printable(ParseContext& context, const ContentInfo& parent) {
     unsigned char line[qp_line_size];
     bool at_line_start = true;
     for (;;) {
+        const HeldLine held =
+            decode_held_line(in, out, at_line_start, pattern, pattern_length, who);
+        if (held == HeldLine::boundary) return;
+        if (held == HeldLine::decoded) {
+            at_line_start = true;
+            continue;
+        }
         // A piece is a whole line (up to its LF or the end of the file) if
         // it fits; else qp_piece_size bytes of it.
         std::size_t n = 0;
@@ -171,6 +267,9 @@ void load_base64(ParseContext& context) {
     int padding = 0;
     std::uint32_t bits = 0;
     for (;;) {
+        // A data character ends any line state, as in the loop below; with
+        // no group under way, count is 0 and so is padding.
+        if (count == 0 && decode_groups(in, out) > 0) line_state = in_line;
         const int c = in.getc();
         if (c == eof) return;  // an incomplete group is dropped
         // Only CR LF makes a line start, and "--" there ends the body: the

@@ -8,6 +8,9 @@
 // the extension, in the case the database keeps them.
 #pragma once
 
+#include <cstdint>
+#include <vector>
+
 #include "frame/multi_string.h"
 
 namespace qbsmtp {
@@ -51,6 +54,20 @@ class MimeTypeMap : public PtrList {
     // The extension of the first entry whose type and subtype match,
     // ignoring ASCII case; null if none does.
     const char* find_extension(const char* type, const char* subtype) const;
+
+  private:
+    struct Slot {
+        std::uint64_t hash;  // of the type and subtype, ASCII case folded
+        const MultiString* entry;
+    };
+    // Every entry by its hash; equal hashes in list order, so the first
+    // match is the list's. Made by load(); empty if it could not be made,
+    // and the list is then walked.
+    std::vector<Slot> index_;
+    // Appends type, subtype and extension of key_name ("type/subtype");
+    // the slash is overwritten.
+    void add_entry(char* key_name, const char* extension);
+    void make_index();
 };
 
 // The map of the module, filled by SMTPRecvInit.

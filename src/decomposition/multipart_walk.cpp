@@ -81,9 +81,9 @@ void open_part_file(ParseContext& context, const ContentInfo& info, char* path) 
         event_reporter.report_error(event::create_file_failed, path, os::GetLastError());
         throw 1;
     }
-    os::CloseHandle(file);
     context.output_path = path;
-    context.output = Stream::open(path, "wb");
+    // The new file's own handle becomes the stream: one open per part.
+    context.output = Stream::adopt(file, "wb");
     if (context.output == nullptr) {
         event_reporter.report_error(event::open_file_failed, path, os::GetLastError());
         throw 1;
@@ -122,6 +122,18 @@ int skip2boundary(ParseContext& context, const ContentInfo& info, int start_stat
     int state = start_state;
     std::size_t index = 0;
     for (;;) {
+        if (state == 0) {
+            // In the text nothing but a CR can start a match: the bytes up
+            // to the next one are passed in one go.
+            const char* text = in.read_view();
+            const std::size_t held = in.read_view_size();
+            const void* cr = std::memchr(text, '\r', held);
+            const std::size_t run =
+                cr != nullptr ? static_cast<std::size_t>(static_cast<const char*>(cr) - text)
+                              : held;
+            if (out != nullptr) put_run(*out, text, run, who);
+            in.consume(run);
+        }
         const int c = in.getc();
         if (c == Stream::eof) return 0;
         int next = 0;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 #include "decomposition/parse_context.h"
 #include "frame/stream.h"
@@ -21,6 +22,24 @@ inline void put_byte(Stream& out, int c, const char* who) {
 }
 inline void put_bytes(Stream& out, const void* bytes, std::size_t count, const char* who) {
     if (count > 0 && out.write(bytes, count) != count) fail_write(who);
+}
+
+// As put_byte for each byte in turn, which it is for a full buffer: the
+// buffer is flushed at the same bytes.
+inline void put_run(Stream& out, const char* bytes, std::size_t count, const char* who) {
+    while (count > 0) {
+        std::size_t room = out.write_view_size();
+        if (room == 0) {
+            put_byte(out, static_cast<unsigned char>(*bytes++), who);
+            --count;
+            continue;
+        }
+        if (room > count) room = count;
+        std::memcpy(out.write_view(), bytes, room);
+        out.produce(room);
+        bytes += room;
+        count -= room;
+    }
 }
 
 // Closes context.output (which must be open) and sets it to null. The last

@@ -226,6 +226,58 @@ struct Stream::Impl {
         return true;
     }
 
+    // A stream of the entry's mode with its buffers, on no file yet; null
+    // with the last error set when memory is short.
+    static Stream* make(const ModeEntry& entry) {
+        Stream* s = new (std::nothrow) Stream;
+        Impl* m = s != nullptr ? new (std::nothrow) Impl : nullptr;
+        if (m == nullptr) {
+            delete s;
+            os::SetLastError(os::ERROR_NOT_ENOUGH_MEMORY);
+            return nullptr;
+        }
+        s->impl_ = m;
+        m->writing = entry.writing;
+        m->append = entry.append;
+        m->text = entry.text;
+        m->front = m->writing ? 0 : max_pushback;
+        m->storage = new (std::nothrow) char[m->front + buffer_size];
+        if (m->text) m->crlf_bits = new (std::nothrow) std::uint64_t[buffer_size / bits_per_word];
+        if (m->storage == nullptr || (m->text && m->crlf_bits == nullptr)) {
+            delete s;
+            os::SetLastError(os::ERROR_NOT_ENOUGH_MEMORY);
+            return nullptr;
+        }
+        m->buffer = m->storage + m->front;
+        return s;
+    }
+
+    // Puts the stream made by make on file, which it then owns: the stream,
+    // or null (stream and file closed) with the last error set.
+    static Stream* attach(Stream* s, os::HANDLE file) {
+        Impl* m = s->impl_;
+        m->file = file;
+        if (m->append) {
+            os::LONGLONG end = 0;
+            if (!os::SetFilePointerEx(m->file, 0, &end, os::FILE_END)) {
+                os::DWORD code = os::GetLastError();
+                os::CloseHandle(m->file);
+                m->file = os::INVALID_HANDLE_VALUE;
+                delete s;
+                os::SetLastError(code);
+                return nullptr;
+            }
+            m->file_position = end;
+        }
+        if (m->writing) {
+            s->write_cursor_ = m->buffer;
+            s->write_end_ = m->buffer + buffer_size;
+        } else {
+            s->read_cursor_ = s->read_end_ = m->buffer;
+        }
+        return s;
+    }
+
     void reset_reading(Stream& s, std::int64_t position) {
         buffer_position = position;
         carried_cr = false;
@@ -241,54 +293,31 @@ Stream* Stream::open(const char* path, const char* mode) {
         os::SetLastError(os::ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    Stream* s = new (std::nothrow) Stream;
-    Impl* m = s != nullptr ? new (std::nothrow) Impl : nullptr;
-    if (m == nullptr) {
-        delete s;
-        os::SetLastError(os::ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    s->impl_ = m;
-    m->writing = entry->writing;
-    m->append = entry->append;
-    m->text = entry->text;
-    m->front = m->writing ? 0 : max_pushback;
-    m->storage = new (std::nothrow) char[m->front + buffer_size];
-    if (m->text) m->crlf_bits = new (std::nothrow) std::uint64_t[buffer_size / bits_per_word];
-    if (m->storage == nullptr || (m->text && m->crlf_bits == nullptr)) {
-        delete s;
-        os::SetLastError(os::ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    m->buffer = m->storage + m->front;
-
-    m->file = os::CreateFileA(path, entry->access, os::FILE_SHARE_READ | os::FILE_SHARE_WRITE,
-                              nullptr, entry->disposition, os::FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m->file == os::INVALID_HANDLE_VALUE) {
+    // The memory first: a stream that cannot be made touches no file.
+    Stream* s = Impl::make(*entry);
+    if (s == nullptr) return nullptr;
+    os::HANDLE file =
+        os::CreateFileA(path, entry->access, os::FILE_SHARE_READ | os::FILE_SHARE_WRITE, nullptr,
+                        entry->disposition, os::FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == os::INVALID_HANDLE_VALUE) {
         os::DWORD code = os::GetLastError();
         delete s;
         os::SetLastError(code);
         return nullptr;
     }
-    if (m->append) {
-        os::LONGLONG end = 0;
-        if (!os::SetFilePointerEx(m->file, 0, &end, os::FILE_END)) {
-            os::DWORD code = os::GetLastError();
-            os::CloseHandle(m->file);
-            m->file = os::INVALID_HANDLE_VALUE;
-            delete s;
-            os::SetLastError(code);
-            return nullptr;
-        }
-        m->file_position = end;
+    return Impl::attach(s, file);
+}
+
+Stream* Stream::adopt(os::HANDLE file, const char* mode) {
+    const ModeEntry* entry = find_mode(mode);
+    Stream* s = entry != nullptr ? Impl::make(*entry) : nullptr;
+    if (s == nullptr) {
+        const os::DWORD code = entry != nullptr ? os::GetLastError() : os::ERROR_INVALID_PARAMETER;
+        os::CloseHandle(file);
+        os::SetLastError(code);
+        return nullptr;
     }
-    if (m->writing) {
-        s->write_cursor_ = m->buffer;
-        s->write_end_ = m->buffer + buffer_size;
-    } else {
-        s->read_cursor_ = s->read_end_ = m->buffer;
-    }
-    return s;
+    return Impl::attach(s, file);
 }
 
 Stream::~Stream() {

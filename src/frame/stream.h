@@ -27,6 +27,10 @@ class Stream {
 
     // Opens path; null with the last error set on failure.
     static Stream* open(const char* path, const char* mode);
+    // Takes over file, open with the access that mode needs, as a stream of
+    // that mode standing at the file's start ("ab": at its end). The stream
+    // closes it; so does a failure, which returns null as open does.
+    static Stream* adopt(os::HANDLE file, const char* mode);
     // Flushes, closes and frees the stream: 0, or eof if a write or the
     // close failed (the last error says why).
     int close();
@@ -58,6 +62,23 @@ class Stream {
     int getpos(std::int64_t* position);
     int setpos(const std::int64_t* position);
     void rewind();
+    // Bulk access, for readers and writers that work on runs of bytes.
+    // The unread bytes held now, in reading order (taken-back ones first);
+    // consume(n) reads the first n of them. An empty view is no end of the
+    // input: getc refills the buffer.
+    const char* read_view() const { return read_cursor_; }
+    std::size_t read_view_size() const {
+        return static_cast<std::size_t>(read_end_ - read_cursor_);
+    }
+    void consume(std::size_t count) { read_cursor_ += count; }
+    // The free room of a writing stream's buffer (none on a reading or
+    // failed stream); produce(n) keeps the first n bytes stored there. A
+    // full buffer is flushed by the next putc or write, as usual.
+    char* write_view() const { return write_cursor_; }
+    std::size_t write_view_size() const {
+        return static_cast<std::size_t>(write_end_ - write_cursor_);
+    }
+    void produce(std::size_t count) { write_cursor_ += count; }
     bool error() const { return error_; }
     bool at_end() const { return at_end_; }
     // A writing stream hands every run of bytes to observer just before it
