@@ -102,10 +102,11 @@ Stream* open_spool_file(SmtpSession& session) {
         event_reporter.report_error(event::create_file_failed, session.spool_path, error);
         return nullptr;
     }
-    os::CloseHandle(file);
-    Stream* stream = Stream::open(session.spool_path, "wb");
+    // Written through the handle that made the name: opening the file
+    // again by its path cost two opens and a close per message.
+    Stream* stream = Stream::adopt(file, "wb");
     if (stream == nullptr) {
-        // The empty file stays behind.
+        // No memory for the stream; the empty file stays behind.
         const os::DWORD error = os::GetLastError();
         event_reporter.report_error(event::open_file_failed, session.spool_path, error);
     }
