@@ -20,7 +20,7 @@ namespace {
 
 // One message per iteration: a new spool file, the text up to its end
 // marker, the close. The feeder keeps the socket full, so the session's
-// reads (1024 bytes each) are what the loop waits on, as in a session.
+// reads (8 KB each) are what the loop waits on, as in a session.
 void BM_ReceiveText(benchmark::State& state) {
     const auto size = static_cast<std::size_t>(state.range(0));
     std::string text = mail_text(size);

@@ -17,9 +17,8 @@ void SmtpStream::reset_buffers() {
 
 int SmtpStream::refill() {
     read_cursor = read_buffer;
-    read_count = tls != nullptr
-                     ? os::tls_recv(tls, read_buffer, static_cast<int>(smtp_buffer_size))
-                     : os::recv(socket, read_buffer, static_cast<int>(smtp_buffer_size), 0);
+    read_count = tls != nullptr ? os::tls_recv(tls, read_buffer, read_capacity)
+                                : os::recv(socket, read_buffer, read_capacity, 0);
     // An orderly close and an error (the time-out included) are alike.
     if (read_count < 1) {
         read_count = 0;

@@ -3,8 +3,9 @@
 // I/O, the reply reader and the time-outs. The sessions of the server, the
 // sending client and the listener's port probe all talk through it.
 //
-// Input comes from recv in blocks of up to 1024 bytes; after a read one
-// byte can be pushed back. Output collects in the write buffer and leaves
+// Input comes from recv in blocks of up to read_capacity bytes (1024
+// unless the owner asks for more); after a read one byte can be pushed
+// back. Output collects in the write buffer and leaves
 // with one send per flush; a short send is a failure, and nothing is tried
 // twice. The stream raises no event and throws nothing: a read gives -1, a
 // write false, a reply read its ReplyRead, and each caller turns that into
@@ -27,6 +28,9 @@
 namespace qbsmtp {
 
 inline constexpr std::size_t smtp_buffer_size = 1024;
+// The most one recv may bring: a session reads the message text in blocks
+// this large (read_capacity); everyone else reads 1024 bytes at a time.
+inline constexpr std::size_t smtp_read_buffer_size = 8 * 1024;
 
 // What read_reply found.
 enum class ReplyRead {
@@ -40,13 +44,14 @@ class SmtpStream {
     // The connection. INVALID_SOCKET while none is open: on POSIX 0 is a
     // valid descriptor, so it cannot serve as "none".
     os::SOCKET socket = os::INVALID_SOCKET;
-    char* read_cursor = nullptr;               // next unread byte; null until the first read
-    char* write_cursor = nullptr;              // next free byte of write_buffer
-    int read_count = 0;                        // unread bytes behind read_cursor
-    int write_room = 0;                        // free bytes behind write_cursor
-    char read_buffer[smtp_buffer_size] = {};   // the last block recv delivered
-    char write_buffer[smtp_buffer_size] = {};  // bytes waiting for send
-    os::TlsChannel* tls = nullptr;             // the TLS channel once started, else null
+    char* read_cursor = nullptr;   // next unread byte; null until the first read
+    char* write_cursor = nullptr;  // next free byte of write_buffer
+    int read_count = 0;            // unread bytes behind read_cursor
+    int write_room = 0;            // free bytes behind write_cursor
+    int read_capacity = static_cast<int>(smtp_buffer_size);  // bytes one recv may bring
+    char read_buffer[smtp_read_buffer_size] = {};            // the last block recv delivered
+    char write_buffer[smtp_buffer_size] = {};                // bytes waiting for send
+    os::TlsChannel* tls = nullptr;  // the TLS channel once started, else null
 
     SmtpStream() = default;
     SmtpStream(const SmtpStream&) = delete;

@@ -27,7 +27,7 @@ void apply_probe_timeout(os::SOCKET socket) {
 // What the peer's last block left in read_buffer, up to its first NUL and
 // never past the buffer.
 std::string peer_words(const SmtpStream& stream) {
-    const std::size_t length = strnlen(stream.read_buffer, sizeof stream.read_buffer);
+    const std::size_t length = strnlen(stream.read_buffer, smtp_buffer_size);
     return std::string(stream.read_buffer, length);
 }
 
