@@ -151,7 +151,8 @@ HeldLine decode_held_line(Stream& in, Stream& out, bool at_line_start, const cha
     if (lf == nullptr) return HeldLine::not_held;
     const std::size_t n =
         static_cast<std::size_t>(static_cast<const unsigned char*>(lf) - line) + 1;
-    if (at_line_start && n >= pattern_length && std::memcmp(line, pattern, pattern_length) == 0)
+    if (at_line_start && n >= pattern_length && line[0] == '-' &&
+        std::memcmp(line, pattern, pattern_length) == 0)
         return HeldLine::boundary;
 
     std::size_t text = n;
