@@ -86,6 +86,24 @@ struct Base64Table {
 constexpr Base64Table base64_table;
 constexpr int base64_padding = 64;
 
+// For the fast path: a data character's six bits already in their place
+// in a group's 24 bits, one table for each of the four places; any other
+// byte ('=' included) sets bit 24 instead.
+struct GroupTables {
+    std::uint32_t place[4][256];
+    constexpr GroupTables() : place{} {
+        for (int c = 0; c < 256; ++c) {
+            const int value = base64_table.value[c];
+            for (int i = 0; i < 4; ++i) {
+                place[i][c] = value >= 0 && value < base64_padding
+                                  ? static_cast<std::uint32_t>(value) << (18 - 6 * i)
+                                  : std::uint32_t{1} << 24;
+            }
+        }
+    }
+};
+constexpr GroupTables group_tables;
+
 // Decodes whole groups of four data characters ('=' is none) from the
 // input's buffer straight into the output's, as long as both hold one:
 // what the byte loop does with such a group when no group is under way.
@@ -100,15 +118,9 @@ std::size_t decode_groups(Stream& in, Stream& out) {
     if (room < groups) groups = room;
     std::size_t done = 0;
     for (; done < groups; ++done, from += 4, to += 3) {
-        const std::int8_t a = base64_table.value[from[0]];
-        const std::int8_t b = base64_table.value[from[1]];
-        const std::int8_t c = base64_table.value[from[2]];
-        const std::int8_t d = base64_table.value[from[3]];
-        // -1 (not in the alphabet) and 64 ('=') both have a bit above the six.
-        if (((a | b | c | d) & ~0x3F) != 0) break;
-        const auto bits = static_cast<std::uint32_t>(a) << 18 |
-                          static_cast<std::uint32_t>(b) << 12 | static_cast<std::uint32_t>(c) << 6 |
-                          static_cast<std::uint32_t>(d);
+        const std::uint32_t bits = group_tables.place[0][from[0]] | group_tables.place[1][from[1]] |
+                                   group_tables.place[2][from[2]] | group_tables.place[3][from[3]];
+        if (bits >> 24 != 0) break;
         to[0] = static_cast<unsigned char>(bits >> 16);
         to[1] = static_cast<unsigned char>(bits >> 8);
         to[2] = static_cast<unsigned char>(bits);
@@ -139,7 +151,8 @@ HeldLine decode_held_line(Stream& in, Stream& out, bool at_line_start, const cha
     if (lf == nullptr) return HeldLine::not_held;
     const std::size_t n =
         static_cast<std::size_t>(static_cast<const unsigned char*>(lf) - line) + 1;
-    if (at_line_start && n >= pattern_length && std::memcmp(line, pattern, pattern_length) == 0)
+    if (at_line_start && n >= pattern_length && line[0] == '-' &&
+        std::memcmp(line, pattern, pattern_length) == 0)
         return HeldLine::boundary;
 
     std::size_t text = n;

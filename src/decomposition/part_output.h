@@ -24,8 +24,8 @@ inline void put_bytes(Stream& out, const void* bytes, std::size_t count, const c
     if (count > 0 && out.write(bytes, count) != count) fail_write(who);
 }
 
-// As put_byte for each byte in turn, which it is for a full buffer: the
-// buffer is flushed at the same bytes.
+// Writes count bytes as put_byte would, one at a time: the buffer is
+// filled to its end and flushed at the same bytes.
 inline void put_run(Stream& out, const char* bytes, std::size_t count, const char* who) {
     while (count > 0) {
         std::size_t room = out.write_view_size();
