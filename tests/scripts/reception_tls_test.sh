@@ -53,4 +53,16 @@ grep -q "0x80004EAF  Certificato TLS .*good.pem o chiave .*ca.key non utilizzabi
 client "$port" plain >py.out || fail "smtplib: $(cat py.out)"
 grep -qx "offers 8bitmime pipelining size" py.out || fail "EHLO with a bad key: $(cat py.out)"
 stop_serve
+
+# check: the pair loads and matches, with the end date openssl itself reads.
+settings() {
+  printf '%s\r\n' REGEDIT4 '[HKEY_LOCAL_MACHINE\SOFTWARE\KELTO\Quillbox32\SM]' \
+    "\"TlsCertificateFile\"=\"$WORK/good.pem\"" "\"TlsKeyFile\"=\"$WORK/$1\"" >"$WORK/p2/registry.reg"
+  QBSMTP_PREFIX="$WORK/p2" timeout 20 "$HOST" check | grep "TLS certificate" || true
+}
+until=$(openssl x509 -enddate -noout -in good.pem | sed 's/^notAfter=//')
+settings key.pem | grep -qx "ok       TLS certificate: $WORK/good.pem and its key load and match; valid until $until" ||
+  fail "check with a good pair: $(settings key.pem)"
+settings ca.key | grep -q "^PROBLEM  TLS certificate: $WORK/ca.key does not load or is not the certificate's key" ||
+  fail "check with a mismatched key: $(settings ca.key)"
 echo "reception_tls_test: ok"
