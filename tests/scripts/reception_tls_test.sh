@@ -20,6 +20,7 @@ port, mode = int(sys.argv[1]), sys.argv[2]
 with smtplib.SMTP("127.0.0.1", port, local_hostname="py.example", timeout=20) as s:
     s.ehlo()
     print("offers", " ".join(sorted(s.esmtp_features)))
+    print("size", s.esmtp_features.get("size", "-"))
     if mode == "tls":
         print("plain MAIL", s.mail("py@example.test")[0])
         s.starttls(context=ssl.create_default_context(cafile="ca.pem"))
@@ -34,8 +35,10 @@ port=$("$PYTHON" "$PEER" free-port)
 start_serve "$WORK/p1" "$port" --mask 0x80000000 --tls-cert good.pem --tls-key key.pem --require-tls
 if grep -q "not part of this build" "$WORK/serve.err"; then echo "SKIP: a build without TLS"; exit 77; fi
 client "$port" tls >py.out || fail "smtplib: $(cat py.out)"
-# Expected from RFC 3207 and the extensions offered: STARTTLS before, not after.
+# Expected from RFC 3207 and the extensions offered: STARTTLS before, not
+# after; SIZE bare without a limit (RFC 1870).
 grep -qx "offers 8bitmime pipelining size starttls" py.out || fail "EHLO before TLS: $(cat py.out)"
+grep -qx "size " py.out || fail "SIZE with a value and no limit: $(cat py.out)"
 grep -qx "plain MAIL 530" py.out || fail "plain MAIL not refused: $(cat py.out)"
 grep -qx "after 8bitmime pipelining size" py.out || fail "EHLO under TLS: $(cat py.out)"
 timeout 30 swaks --server 127.0.0.1 --port "$port" --tls --tls-verify --tls-ca-path ca.pem \
@@ -47,11 +50,15 @@ wait_until 20 received swaks.example || fail "no ESMTPS message from swaks"
 stop_serve
 
 port=$("$PYTHON" "$PEER" free-port)
-start_serve "$WORK/p2" "$port" --tls-cert good.pem --tls-key ca.key --esmtp
+# The limits' options reach the module too: SIZE shows the limit, and the
+# allowed range lets the client in.
+start_serve "$WORK/p2" "$port" --tls-cert good.pem --tls-key ca.key --esmtp --max-message-size 100 \
+  --allow 127.0.0.0/8 --max-sessions 5
 grep -q "0x80004EAF  Certificato TLS .*good.pem o chiave .*ca.key non utilizzabili" "$WORK/serve.err" ||
   fail "no event for the mismatched key: $(cat "$WORK/serve.err")"
 client "$port" plain >py.out || fail "smtplib: $(cat py.out)"
 grep -qx "offers 8bitmime pipelining size" py.out || fail "EHLO with a bad key: $(cat py.out)"
+grep -qx "size 100" py.out || fail "SIZE without --max-message-size's value: $(cat py.out)"
 stop_serve
 
 # check: the pair loads and matches, with the end date openssl itself reads.
