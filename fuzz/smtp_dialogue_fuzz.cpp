@@ -21,6 +21,14 @@
 //     LF and NUL are text);
 //   - no .tmp file is left in the spool directory, and each .822 file
 //     there is identical to the debug copy of the same message.
+//
+// An input whose first byte is 1 or 2 runs the extended dialogue instead
+// (Esmtp 1, a certificate for STARTTLS where the build has TLS, with 2
+// RequireTls too) on the bytes behind it: EHLO, MAIL parameters and
+// STARTTLS, whose handshake then meets the rest of the input. There the
+// model is left out; the session must end, every reply line up to the
+// handshake be one the extended dialogue can give, and the spool hold no
+// .tmp file and only .822 files equal to their debug copies.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -37,6 +45,7 @@
 #include <vector>
 
 #include "frame/module_state.h"
+#include "platform/os_tls.h"
 #include "qbsmtp/qbsmtp.h"
 #include "reception/duplicate_filter.h"
 #include "reception/session_dialogue.h"
@@ -72,6 +81,45 @@ const Tree& tree() {
         return t;
     }();
     return made;
+}
+
+// A self-signed certificate for STARTTLS, made once by the openssl
+// command; null where that or TLS is missing (the extended dialogue then
+// runs without STARTTLS).
+os::TlsContext* fuzz_tls_context() {
+    if (!os::tls_supported()) return nullptr;
+    const fs::path directory = fuzz::scratch_path("qbsmtp_dialogue_fuzz_tls");
+    std::error_code ignored;
+    fs::create_directories(directory, ignored);
+    const std::string key = (directory / "key.pem").string();
+    const std::string certificate = (directory / "cert.pem").string();
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+        "-subj /CN=localhost -days 1 -keyout '" +
+        key + "' -out '" + certificate + "' >/dev/null 2>&1";
+    char error[200];
+    os::TlsContext* context =
+        std::system(command.c_str()) == 0
+            ? os::tls_server_context(certificate.c_str(), key.c_str(), error, sizeof error)
+            : nullptr;
+    fs::remove_all(directory, ignored);
+    return context;
+}
+
+// The lines only the extended dialogue gives.
+std::set<std::string> extended_lines() {
+    std::set<std::string> lines;
+    for (const char* line :
+         {"250-8BITMIME", "250-PIPELINING", "250-SIZE", "250 SIZE", "250 STARTTLS",
+          "501 EHLO needs to specify a domain", "502 command not implemented",
+          "503 TLS already active", "503 Need EHLO command", "503 Need MAIL command",
+          "530 Must issue a STARTTLS command first",
+          "555 MAIL FROM/RCPT TO parameters not recognized or not implemented",
+          "552 Message size exceeds fixed maximum message size",
+          "501 Syntax error (no parameters allowed)", "220 Ready to start TLS"})
+        lines.insert(std::string(line) + "\r\n");
+    lines.insert("250-" + std::string(fuzz_host) + "\r\n");
+    return lines;
 }
 
 // ---- A model of the dialogue ----------------------------------------------
@@ -323,7 +371,7 @@ class DialogueModel {
 
 // ---- The session --------------------------------------------------------------
 
-std::string run_session(const std::uint8_t* data, std::size_t size) {
+std::string run_session(const std::uint8_t* data, std::size_t size, bool extended) {
     int pair[2];
     FUZZ_CHECK(fuzz::make_socket_pair(pair));
     const int client = pair[1];
@@ -358,7 +406,8 @@ std::string run_session(const std::uint8_t* data, std::size_t size) {
     } catch (int) {
         threw = true;
     }
-    FUZZ_CHECK(!threw);                     // the reader takes every reply
+    // The reader takes every reply; only a failed handshake throws.
+    FUZZ_CHECK(!threw || extended);
     FUZZ_CHECK(session->spool == nullptr);  // no message is left open
 
     // Replies are over; then let the writer finish into the void.
@@ -471,23 +520,39 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fs::create_directories(t.spool);
     forget_recent_messages();
 
-    const std::string replies = run_session(data, size);
+    static os::TlsContext* const tls = fuzz_tls_context();
+    static const std::set<std::string> more_lines = extended_lines();
+    const bool extended = size > 0 && (data[0] == 1 || data[0] == 2);
+    esmtp = extended ? 1 : 0;
+    require_tls = extended && data[0] == 2 ? 1 : 0;
+    server_tls = extended ? tls : nullptr;
+    if (extended) {
+        ++data;
+        --size;
+    }
+
+    std::string replies = run_session(data, size, extended);
+    // Behind the 220 of STARTTLS comes the handshake, no line.
+    const std::size_t handshake = replies.find("220 Ready to start TLS\r\n");
+    if (extended && handshake != std::string::npos) replies.resize(handshake + 24);
 
     // Well-formed lines from the known set.
     for (std::size_t at = 0; at < replies.size();) {
         const std::size_t end = replies.find("\r\n", at);
         FUZZ_CHECK(end != std::string::npos);
-        FUZZ_CHECK(known_lines.count(replies.substr(at, end + 2 - at)) == 1);
+        const std::string line = replies.substr(at, end + 2 - at);
+        FUZZ_CHECK(known_lines.count(line) == 1 || (extended && more_lines.count(line) == 1));
         at = end + 2;
     }
-    DialogueModel model(std::string_view(reinterpret_cast<const char*>(data), size));
-    model.run();
-    FUZZ_CHECK(replies == model.replies);
-
-    const std::vector<fs::path> copies = accepted_files(t.debug);
-    FUZZ_CHECK(copies.size() == model.accepted.size());
-    for (std::size_t i = 0; i < copies.size(); ++i)
-        check_message_file(read_file(copies[i]), model.accepted[i]);
+    if (!extended) {
+        DialogueModel model(std::string_view(reinterpret_cast<const char*>(data), size));
+        model.run();
+        FUZZ_CHECK(replies == model.replies);
+        const std::vector<fs::path> copies = accepted_files(t.debug);
+        FUZZ_CHECK(copies.size() == model.accepted.size());
+        for (std::size_t i = 0; i < copies.size(); ++i)
+            check_message_file(read_file(copies[i]), model.accepted[i]);
+    }
 
     for (const auto& entry : fs::directory_iterator(t.spool)) {
         const fs::path& path = entry.path();

@@ -1,5 +1,5 @@
 // message_catalogue.h: the ids of the module's events and the data behind
-// their texts: 56 events, and the 44 strings with the 43-pair table that
+// their texts: 58 events, and the 44 strings with the 43-pair table that
 // turns a Winsock code into a string number.
 //
 // The texts are Italian, in code page 1252, each ending in CR LF, with
@@ -31,6 +31,8 @@ inline constexpr std::uint32_t port_in_use = 0x800027D8;                 // 1020
 inline constexpr std::uint32_t client_refused = 0x80004EAC;              // 20140, ours
 inline constexpr std::uint32_t session_limit_reached = 0x80004EAD;       // 20141, ours
 inline constexpr std::uint32_t message_too_large = 0x80004EAE;           // 20142, ours
+inline constexpr std::uint32_t tls_certificate_unusable = 0x80004EAF;    // 20143, ours
+inline constexpr std::uint32_t tls_handshake_failed = 0x80004EB0;        // 20144, ours
 inline constexpr std::uint32_t relay_unverified = 0x80004F06;            // 20230, ours
 inline constexpr std::uint32_t mime_reinitialised = 0x80004F13;          // 20243
 inline constexpr std::uint32_t duplicate_dropped = 0x80004F39;           // 20281
@@ -82,7 +84,7 @@ inline constexpr std::uint32_t source_registration_failed = 0;
 
 namespace qbsmtp {
 
-// The 56 events with their texts, in ascending order of id.
+// The 58 events with their texts, in ascending order of id.
 extern const os::MessageResource event_texts[];
 extern const std::size_t event_text_count;
 

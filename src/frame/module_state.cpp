@@ -30,6 +30,7 @@ constinit Immortal<CountedString> spool_dir_storage;
 constinit Immortal<CountedString> mime_dir_storage;
 constinit Immortal<AddressList> allowed_clients_storage;
 constinit Immortal<CountedString> relay_text_storage[4];
+constinit Immortal<CountedString> tls_text_storage[2];
 
 }  // namespace
 
@@ -53,6 +54,11 @@ constinit std::uint32_t spool_sync = 1;
 constinit std::uint32_t max_message_size = 0;
 constinit std::uint32_t max_sessions = 0;
 AddressList& allowed_clients = allowed_clients_storage.value;
+CountedString& tls_certificate_file = tls_text_storage[0].value;
+CountedString& tls_key_file = tls_text_storage[1].value;
+constinit std::uint32_t require_tls = 0;
+constinit std::uint32_t esmtp = 0;
+constinit os::TlsContext* server_tls = nullptr;
 constinit std::uint32_t relay_port = 0;
 constinit std::uint32_t relay_security = 0;
 constinit std::uint32_t relay_verify = 1;
@@ -81,6 +87,8 @@ const DwordSetting dword_settings[] = {
     {"SpoolSync", &spool_sync, 1},
     {"MaxMessageSize", &max_message_size, 0},
     {"MaxSessions", &max_sessions, 0},
+    {"RequireTls", &require_tls, 0},
+    {"Esmtp", &esmtp, 0},
     {"RelayPort", &relay_port, 0},
     {"RelaySecurity", &relay_security, 0},
     {"RelayVerify", &relay_verify, 1},
@@ -90,7 +98,9 @@ struct TextSetting {
     const char* name;
     CountedString* target;
 };
-const TextSetting relay_texts[] = {
+const TextSetting text_settings[] = {
+    {"TlsCertificateFile", &tls_certificate_file},
+    {"TlsKeyFile", &tls_key_file},
     {"RelayUser", &relay_user},
     {"RelayPasswordFile", &relay_password_file},
     {"RelayTokenFile", &relay_token_file},
@@ -123,11 +133,11 @@ void read_allowed_clients(RegistryKey& settings) {
     }
 }
 
-// The relay's settings. Each that cannot be used is reported; none of
+// The file names, then the relay's settings. Each that cannot be used is reported; none of
 // them may leave a message in plain text where protection was asked for,
 // so an unknown RelaySecurity means STARTTLS required.
 void read_relay_settings(RegistryKey& settings) {
-    for (const TextSetting& setting : relay_texts) {
+    for (const TextSetting& setting : text_settings) {
         char text[260];
         setting.target->clear();
         if (settings.get_string(setting.name, text, sizeof text)) {

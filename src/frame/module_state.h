@@ -15,6 +15,7 @@
 #include "frame/counted_string.h"
 #include "frame/event_reporter.h"
 #include "platform/os.h"
+#include "platform/os_tls.h"
 
 namespace qbsmtp {
 
@@ -51,6 +52,17 @@ extern std::uint32_t max_message_size;
 extern std::uint32_t max_sessions;
 // AllowedClients: the peers that get a session; not set, everyone.
 extern AddressList& allowed_clients;
+// ESMTP and STARTTLS on reception, off unless set. TlsCertificateFile and
+// TlsKeyFile (PEM) are loaded by SMTPRecvInit into server_tls; EHLO is
+// answered when that loaded or Esmtp is 1. RequireTls: MAIL, RCPT and
+// DATA get 530 until STARTTLS has succeeded.
+extern CountedString& tls_certificate_file;
+extern CountedString& tls_key_file;
+extern std::uint32_t require_tls;
+extern std::uint32_t esmtp;
+// Written by SMTPRecvInit before the listener starts, never freed (sessions
+// of an earlier listener may still use it); null while none is loaded.
+extern os::TlsContext* server_tls;
 
 // Sending through relays that want TLS and authentication, each off
 // (0, missing) unless set. RelayPort: the relay's port, 0 the port of the

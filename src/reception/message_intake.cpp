@@ -144,8 +144,10 @@ int write_trace_headers(SmtpSession& session) {
     os::TIME_ZONE_INFORMATION zone{};
     const os::DWORD zone_id = os::GetTimeZoneInformation(&zone);
     const os::LONG bias = zone_bias_minutes(zone_id, zone);
-    if (spool.printf("Received: from %s by %s with SMTP ; ", session.helo_domain,
-                     host_name.c_str()) < 0)
+    // RFC 3848's names for the extended dialogue, with and without TLS.
+    const char* protocol = session.tls != nullptr ? "ESMTPS" : session.esmtp ? "ESMTP" : "SMTP";
+    if (spool.printf("Received: from %s by %s with %s ; ", session.helo_domain, host_name.c_str(),
+                     protocol) < 0)
         return -1;
     char stamp[64];
     format_time_stamp(stamp, sizeof stamp, now, bias);

@@ -22,6 +22,33 @@ char* retired_texts[max_retired_texts];
 std::size_t retired_count = 0;
 bool reception_started = false;
 
+// STARTTLS's certificate and key. Loaded once: sessions of an earlier
+// listener may still use the context, so it is never freed. A failure
+// leaves reception running as documented, without STARTTLS, after an
+// event; a build without TLS fails here too, never falling back in
+// silence. RequireTls without a certificate refuses every message rather
+// than take one in plain text.
+void load_server_tls() {
+    if (server_tls != nullptr) return;
+    const bool certificate = !tls_certificate_file.empty();
+    const bool key = !tls_key_file.empty();
+    if (certificate != key) {
+        event_reporter.report(event::setting_invalid,
+                              certificate ? "TlsCertificateFile" : "TlsKeyFile",
+                              certificate ? "manca TlsKeyFile" : "manca TlsCertificateFile");
+    } else if (certificate) {
+        char error[200] = "";
+        server_tls = os::tls_server_context(tls_certificate_file.c_str(), tls_key_file.c_str(),
+                                            error, sizeof error);
+        if (server_tls == nullptr)
+            event_reporter.report(event::tls_certificate_unusable, tls_certificate_file.c_str(),
+                                  tls_key_file.c_str(), error);
+    }
+    if (require_tls != 0 && server_tls == nullptr)
+        event_reporter.report(event::setting_invalid, "RequireTls",
+                              "nessun certificato TLS: ogni messaggio rifiutato con 530");
+}
+
 void replace_directory_text(CountedString& target, const char* text) {
     if (reception_started && target.text != nullptr && retired_count < max_retired_texts) {
         retired_texts[retired_count++] = target.release();
@@ -50,6 +77,7 @@ int prepare_reception(const char* directory) {
         return event_reporter.report_error(event::create_directory_failed, mime_dir.c_str(),
                                            os::GetLastError());
     }
+    load_server_tls();
     return 1;
 }
 

@@ -2,9 +2,12 @@
 
 #include "reception/session_dialogue.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "frame/ascii.h"
+#include "frame/message_catalogue.h"
 #include "frame/module_state.h"
 #include "reception/message_intake.h"
 #include "reception/session_io.h"
@@ -28,6 +31,13 @@ void reply(SmtpSession& session, const char* text) {
     session_flush(session);
 }
 
+// RequireTls: no envelope and no text before STARTTLS has succeeded.
+bool refused_without_tls(SmtpSession& session) {
+    if (require_tls == 0 || session.tls != nullptr) return false;
+    reply(session, "530 Must issue a STARTTLS command first\r\n");
+    return true;
+}
+
 int handle_helo(SmtpSession& session, DialogueFlags& flags) {
     const int result = parse_helo(session);
     if (result != cmd_helo) return result;
@@ -35,12 +45,66 @@ int handle_helo(SmtpSession& session, DialogueFlags& flags) {
     session_flush(session);
     flags.greeted = true;
     flags.sender_set = false;
+    session.esmtp = false;
     return result;
+}
+
+// The first line is HELO's reply; then only what this dialogue really
+// does. PIPELINING: every reply goes out as its command is read, and
+// input behind a command stays buffered for the next one, so a batch is
+// answered in order; STARTTLS drops what came behind it.
+int handle_ehlo(SmtpSession& session, DialogueFlags& flags) {
+    const int result = parse_helo(session, "EHLO");
+    if (result != cmd_helo) return result;
+    char size[24] = "SIZE";  // RFC 1870: no number, no fixed limit
+    if (max_message_size != 0)
+        std::snprintf(size, sizeof size, "SIZE %lu", static_cast<unsigned long>(max_message_size));
+    const char* const lines[] = {host_name.c_str(), "8BITMIME", "PIPELINING", size, "STARTTLS"};
+    const std::size_t count = server_tls != nullptr && session.tls == nullptr ? 5 : 4;
+    for (std::size_t i = 0; i < count; ++i)
+        session_printf(session, "250%c%s\r\n", i + 1 < count ? '-' : ' ', lines[i]);
+    session_flush(session);
+    flags.greeted = true;
+    flags.sender_set = false;
+    session.esmtp = true;
+    return cmd_ehlo;
+}
+
+// STARTTLS (RFC 3207); the session time-out bounds the handshake.
+int handle_starttls(SmtpSession& session, DialogueFlags& flags) {
+    const int result = finish_line(session, false);
+    if (result == SESSION_GONE) return result;
+    if (result == LINE_EXTRA) {
+        reply(session, "501 Syntax error (no parameters allowed)\r\n");
+    } else if (server_tls == nullptr) {
+        reply(session, "502 command not implemented\r\n");
+    } else if (session.tls != nullptr) {
+        reply(session, "503 TLS already active\r\n");
+    } else if (!session.esmtp) {
+        reply(session, "503 Need EHLO command\r\n");
+    } else {
+        reply(session, "220 Ready to start TLS\r\n");
+        // start_tls drops the read buffer: plain text that the client sent
+        // behind STARTTLS must never count as a command given under TLS
+        // (the command injection of RFC 3207's section 5).
+        char error[200] = "";
+        if (!session.start_tls(server_tls, true, nullptr, error, sizeof error)) {
+            event_reporter.report(event::tls_handshake_failed, session.helo_domain, error);
+            throw 1;
+        }
+        // The session starts over: EHLO again, nothing of before is kept.
+        flags = DialogueFlags{};
+        session.esmtp = false;
+        session.helo_domain[0] = '\0';
+        session.reverse_path[0] = '\0';
+    }
+    return cmd_starttls;
 }
 
 int handle_mail(SmtpSession& session, DialogueFlags& flags) {
     const int result = parse_mail(session);
     if (result != cmd_mail) return result;
+    if (refused_without_tls(session)) return result;
     if (!flags.sender_set && flags.greeted) {
         reply(session, "250 OK\r\n");
         flags.sender_set = true;
@@ -54,14 +118,20 @@ int handle_mail(SmtpSession& session, DialogueFlags& flags) {
 
 int handle_rcpt(SmtpSession& session, DialogueFlags& flags) {
     const int result = parse_rcpt(session);
-    if (result != cmd_rcpt) return result;
+    if (result != cmd_rcpt || refused_without_tls(session)) return result;
     reply(session, flags.sender_set ? "250 recipient OK\r\n" : "503 Need MAIL command\r\n");
     return result;
 }
 
 int handle_data(SmtpSession& session, DialogueFlags& flags) {
     const int result = finish_line(session, true);
-    if (result != LINE_CLEAN) return result;
+    if (result != LINE_CLEAN || refused_without_tls(session)) return result;
+    // The extended dialogue keeps RFC 5321's order: no text without a
+    // sender (with PIPELINING, a refused MAIL must not lead to a message).
+    if (session.esmtp && !flags.sender_set) {
+        reply(session, "503 Need MAIL command\r\n");
+        return result;
+    }
     const int outcome = receive_message(session);
     if (outcome == LINE_CLEAN) flags.sender_set = false;
     return outcome;
@@ -135,6 +205,68 @@ static_assert(sizeof command_table / sizeof command_table[0] == cmd_turn + 1);
 constexpr std::size_t helo_domain_limit = session_field_size - 1;  // 511 stored: too long
 constexpr std::size_t reverse_path_limit = session_field_size;     // 512 stored: too long
 
+// The n bytes at text are keyword, in either case.
+bool is_keyword(const char* text, std::size_t n, const char* keyword) {
+    if (std::strlen(keyword) != n) return false;
+    for (std::size_t i = 0; i < n; ++i)
+        if (ascii_upper(static_cast<unsigned char>(text[i])) != keyword[i]) return false;
+    return true;
+}
+
+// The parameters behind the reverse path of an EHLO session, up to the
+// line's end: SIZE=n (RFC 1870) and BODY=7BIT or 8BITMIME (RFC 6152).
+// cmd_mail when they are acceptable; else, after the reply, LINE_EXTRA.
+int parse_mail_parameters(SmtpSession& session) {
+    char line[session_field_size];
+    std::size_t stored = 0;
+    bool too_long = false;
+    for (int previous = -1;;) {
+        const int c = session_getc(session);
+        if (c < 0) return SESSION_GONE;
+        if (previous == '\r' && c == '\n') break;
+        previous = c;
+        if (stored < sizeof line) {
+            line[stored++] = static_cast<char>(c);
+        } else {
+            too_long = true;
+        }
+    }
+    if (too_long || std::memchr(line, '\0', stored) != nullptr) {
+        reply_syntax_error(session);
+        return LINE_EXTRA;
+    }
+    line[stored - 1] = '\0';  // the CR
+    bool too_large = false;
+    for (const char* p = line; *p != '\0';) {
+        if (*p++ != ' ') {
+            reply_syntax_error(session);
+            return LINE_EXTRA;
+        }
+        const std::size_t n = std::strcspn(p, " ");
+        if (n > 5 && is_keyword(p, 5, "SIZE=")) {
+            std::uint64_t size = 0;
+            for (std::size_t i = 5; i < n; ++i) {
+                if (p[i] < '0' || p[i] > '9' || n > 5 + 19) {  // 19 digits fit 64 bits
+                    reply_syntax_error(session);
+                    return LINE_EXTRA;
+                }
+                size = size * 10 + static_cast<unsigned>(p[i] - '0');
+            }
+            too_large = too_large || (max_message_size != 0 && size > max_message_size);
+        } else if (n != 0 && !is_keyword(p, n, "BODY=7BIT") && !is_keyword(p, n, "BODY=8BITMIME")) {
+            reply(session,
+                  "555 MAIL FROM/RCPT TO parameters not recognized or not implemented\r\n");
+            return LINE_EXTRA;
+        }
+        p += n;
+    }
+    if (too_large) {
+        reply(session, "552 Message size exceeds fixed maximum message size\r\n");
+        return LINE_EXTRA;
+    }
+    return cmd_mail;
+}
+
 }  // namespace
 
 const char* const help_lines[16] = {
@@ -169,7 +301,11 @@ int read_command(SmtpSession& session) {
     }
     for (const CommandRow& row : command_table)
         if (std::memcmp(row.word, word, sizeof word) == 0) return row.code;
-    return LINE_EXTRA;
+    if (!extensions_offered()) return LINE_EXTRA;
+    if (std::memcmp(word, "EHLO", sizeof word) == 0) return cmd_ehlo;
+    if (std::memcmp(word, "STAR", sizeof word) != 0) return LINE_EXTRA;
+    const int rest = expect_literal(session, "TTLS");
+    return rest == LINE_CLEAN ? cmd_starttls : rest;
 }
 
 int finish_line(SmtpSession& session, bool complain) {
@@ -203,7 +339,11 @@ int expect_literal(SmtpSession& session, const char* literal) {
     return LINE_CLEAN;
 }
 
-int parse_helo(SmtpSession& session) {
+bool extensions_offered() {
+    return esmtp != 0 || server_tls != nullptr;
+}
+
+int parse_helo(SmtpSession& session, const char* word) {
     int c = session_getc(session);
     if (c < 0) return SESSION_GONE;
     if (c != ' ') {
@@ -211,7 +351,10 @@ int parse_helo(SmtpSession& session) {
         session_ungetc(c, session);
         const int result = finish_line(session, false);
         if (result == LINE_EXTRA) return cmd_helo;
-        if (result == LINE_CLEAN) reply(session, "501 HELO needs to specify a domain\r\n");
+        if (result == LINE_CLEAN) {
+            session_printf(session, "501 %s needs to specify a domain\r\n", word);
+            session_flush(session);
+        }
         return result;
     }
     // Collected aside, so that a refused domain leaves the earlier one.
@@ -267,6 +410,7 @@ int parse_mail(SmtpSession& session) {
             // has still replaced the path.
             path[stored] = '\0';
             std::memcpy(session.reverse_path, path, stored + 1);
+            if (session.esmtp) return parse_mail_parameters(session);
             const int result = finish_line(session, true);
             return result == LINE_CLEAN ? cmd_mail : result;
         }
@@ -289,8 +433,10 @@ int smtp_session(SmtpSession& session) {
     do {
         const int code = read_command(session);
         if (code == SESSION_GONE) break;
-        const CommandHandler handler =
-            code == LINE_EXTRA ? handle_unrecognised : command_table[code].handler;
+        const CommandHandler handler = code == LINE_EXTRA     ? handle_unrecognised
+                                       : code == cmd_ehlo     ? handle_ehlo
+                                       : code == cmd_starttls ? handle_starttls
+                                                              : command_table[code].handler;
         result = handler(session, flags);
     } while (result != cmd_quit && result != SESSION_GONE);
     // Tried on every orderly end, towards a peer that is gone as well.

@@ -5,8 +5,8 @@
 // The dialogue reads byte by byte and never buffers a line, so no line
 // length limit exists beyond the two stored arguments (helo_domain, at
 // most 510 bytes; reverse_path, at most 511). The only line end it knows
-// is CR LF. Readers and parsers return a command code (0 to 13),
-// SESSION_GONE, LINE_CLEAN or LINE_EXTRA.
+// is CR LF. Readers and parsers return a command code (0 to 13, or
+// cmd_ehlo and cmd_starttls), SESSION_GONE, LINE_CLEAN or LINE_EXTRA.
 #pragma once
 
 #include "reception/smtp_session.h"
@@ -31,8 +31,19 @@ enum CommandCode : int {
     cmd_turn = 13,
 };
 
+// The extended commands, read only while extensions_offered(); numbered
+// beyond the other results, so the table's codes stay as they are.
+inline constexpr int cmd_ehlo = 18;
+inline constexpr int cmd_starttls = 19;
+
+// EHLO is answered (and MAIL parameters and STARTTLS known) when Esmtp is
+// 1 or a certificate for STARTTLS loaded; else EHLO stays unrecognised.
+bool extensions_offered();
+
 // Greets, runs the dialogue until QUIT or a lost connection, and tries the
-// 221 at the end. Result 0; throws the integer 1 when a send fails.
+// 221 at the end. Result 0; throws the integer 1 when a send fails, and
+// after a failed TLS handshake (no 221: the connection is in no state for
+// plain text).
 int smtp_session(SmtpSession& session);
 
 // Reads a four-letter command word: its code, SESSION_GONE, or LINE_EXTRA
@@ -47,7 +58,8 @@ void reply_syntax_error(SmtpSession& session);
 // LINE_CLEAN, LINE_EXTRA (the differing byte is pushed back) or
 // SESSION_GONE.
 int expect_literal(SmtpSession& session, const char* literal);
-int parse_helo(SmtpSession& session);
+// word: the command, for its 501 ("HELO" or "EHLO").
+int parse_helo(SmtpSession& session, const char* word = "HELO");
 int parse_mail(SmtpSession& session);
 int parse_rcpt(SmtpSession& session);
 

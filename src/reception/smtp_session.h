@@ -58,6 +58,7 @@ class SmtpSession : public SmtpStream {
     char helo_domain[session_field_size] = {};   // domain of the last HELO; empty at first
     char reverse_path[session_field_size] = {};  // path of the last MAIL; empty at first
     char spool_path[os::MAX_PATH] = {};          // path of the current spool file
+    bool esmtp = false;                          // greeted by EHLO: Received says ESMTP(S)
     StartLatch start_latch;                      // see StartLatch
 
     SmtpSession() = default;

@@ -50,7 +50,8 @@ std::map<std::string, std::uint32_t> code_ids() {
         no_attachment, internal_inconsistency, no_memory_for_session, source_registration_failed,
         spool_rename_failed, uuencode_text_write_failed, client_refused, session_limit_reached,
         message_too_large, setting_invalid, relay_unverified, relay_tls_failed,
-        relay_security_missing, relay_auth_failed, relay_secret_unreadable);
+        relay_security_missing, relay_auth_failed, relay_secret_unreadable,
+        tls_certificate_unusable, tls_handshake_failed);
 }
 
 TEST(EventCatalogue, IdsSeveritiesAndTextsAreThoseLogReadersKnow) {

@@ -23,6 +23,12 @@
 //   event TEXT       the next event: its id and insertion strings joined
 //                    by " | ", SPOOL for the spool directory; every event
 //                    not listed must be absent (debug texts aside)
+//   starttls         the client's TLS handshake (trusting the test CA,
+//                    checking the name localhost); the connection's
+//                    later lines go through it
+// {certs} in any line stands for a directory of certificates that
+// tests/support/make_certs.sh makes for the case; a case that uses it or
+// starttls is skipped in a build without TLS.
 // At the end of each connection the client ends its sending direction,
 // and the server must then close without a further byte.
 
@@ -35,6 +41,7 @@
 #include <regex>
 #include <set>
 
+#include "frame/smtp_stream.h"
 #include "platform/os_fault.h"
 #include "qbsmtp/qbsmtp.h"
 #include "support/reception_fixture.h"
@@ -69,8 +76,46 @@ void label_spool_names(std::initializer_list<std::vector<std::string>*> lists) {
 
 class Dialogue : public ::testing::TestWithParam<std::string> {};
 
+// The client's end of TLS over a test client's socket.
+struct TlsClient {
+    SmtpStream stream;
+    os::TlsContext* context = nullptr;
+    TlsClient(const SmtpTestClient& client, const std::string& ca_file) {
+        char error[200] = "";
+        stream.socket = static_cast<os::SOCKET>(client.fd());
+        context = os::tls_client_context(ca_file.c_str(), true, error, sizeof error);
+        EXPECT_TRUE(context != nullptr &&
+                    stream.start_tls(context, false, "localhost", error, sizeof error))
+            << error;
+    }
+    ~TlsClient() {
+        stream.end_tls(false);
+        os::tls_free_context(context);
+    }
+    std::string read_line() {
+        std::string line;
+        for (int c; !line.ends_with("\r\n") && (c = stream.get_byte()) >= 0;) line += char(c);
+        return line;
+    }
+};
+
 TEST_P(Dialogue, RepliesFilesAndEvents) {
-    const std::vector<TranscriptLine> lines = read_transcript(GetParam());
+    std::vector<TranscriptLine> lines = read_transcript(GetParam());
+    std::unique_ptr<TempPrefix> certs;
+    for (TranscriptLine& line : lines) {
+        std::size_t at = line.text.find("{certs}");
+        if (at == std::string::npos && line.tag != "starttls") continue;
+        if (!os::tls_supported()) GTEST_SKIP() << "this build has no TLS";
+        if (!certs) {
+            certs = std::make_unique<TempPrefix>();
+            ASSERT_EQ(
+                std::system(
+                    (QBSMTP_SOURCE_DIR "/tests/support/make_certs.sh " + certs->path()).c_str()),
+                0);
+        }
+        for (; at != std::string::npos; at = line.text.find("{certs}"))
+            line.text.replace(at, 7, certs->path());
+    }
     std::string settings, zone = "XXX-1";
     for (const TranscriptLine& line : lines) {
         if (line.tag == "setting") settings += line.text + "\n";
@@ -86,14 +131,20 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
     std::vector<std::string> expected_events;
     std::string* file = nullptr;
     auto client = std::make_unique<SmtpTestClient>(module.port());
+    std::unique_ptr<TlsClient> tls;  // once the connection's starttls ran
     std::vector<std::unique_ptr<SmtpTestClient>> held;
     std::string pending;  // client lines not sent yet
     const auto flush = [&] {
-        EXPECT_TRUE(pending.empty() || client->send(pending));
+        EXPECT_TRUE(pending.empty() ||
+                    (tls ? tls->stream.put_text(pending.c_str()) && tls->stream.flush()
+                         : client->send(pending)));
         pending.clear();
     };
     const auto end_connection = [&] {
         flush();
+        // Under TLS, the server's close alert and then nothing.
+        EXPECT_EQ(tls ? tls->read_line() : "", "") << "replies nobody expected";
+        tls.reset();
         client->shutdown_write();
         EXPECT_EQ(client->read_to_close(), "") << "replies nobody expected";
     };
@@ -103,9 +154,12 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
             pending += decode(line.text) + (line.tag == "C" ? "\r\n" : "");
         } else if (line.tag == "S") {
             flush();
-            EXPECT_EQ(
-                difference(line.text + "\\r\\n", client->read_line(), from, std::time(nullptr)),
-                "");
+            EXPECT_EQ(difference(line.text + "\\r\\n", tls ? tls->read_line() : client->read_line(),
+                                 from, std::time(nullptr)),
+                      "");
+        } else if (line.tag == "starttls") {
+            flush();
+            tls = std::make_unique<TlsClient>(*client, certs->file("ca.pem"));
         } else if (line.tag == "close") {
             flush();
             client->shutdown_write();

@@ -24,6 +24,8 @@ class SmtpTestClient {
     SmtpTestClient& operator=(const SmtpTestClient&) = delete;
 
     bool connected() const { return fd_ >= 0; }
+    // The socket, for a TLS channel laid over it (the dialogue's starttls).
+    int fd() const { return fd_; }
     // Sends all bytes; false when the connection refused them.
     bool send(std::string_view bytes);
     // One line with its CR LF; what came if the connection ended first.

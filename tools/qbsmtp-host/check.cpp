@@ -17,6 +17,11 @@
 #include <regex>
 #include <string>
 
+#if QBSMTP_HOST_TLS
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#endif
+
 #include "commands.h"
 #include "event_log.h"
 #include "module_loader.h"
@@ -80,6 +85,61 @@ void check_module(const CheckOptions& options, const Prefix& prefix) {
     for (const auto& line : events.read_new_lines())
         if (event_type(line) == "error") said += "; " + format_event(line);
     say(said.empty(), "module", module.path + (said.empty() ? " loads" : " loads but says" + said));
+}
+
+// The last "name"="text" line of registry.reg (a later line wins), its
+// escapes undone; empty when there is none.
+std::string registry_text(const Prefix& prefix, const std::string& name) {
+    std::ifstream input(prefix.registry());
+    const std::regex value("\\s*\"" + name + "\"\\s*=\\s*\"((?:[^\"\\\\]|\\\\.)*)\"\\s*\r?");
+    static const std::regex escape(R"(\\(.))");
+    std::string line, found;
+    std::smatch match;
+    while (std::getline(input, line))
+        if (std::regex_match(line, match, value))
+            found = std::regex_replace(match[1].str(), escape, "$1");
+    return found;
+}
+
+// STARTTLS's certificate and key, loaded as the module loads them at
+// SMTPRecvInit, and the certificate's end of validity.
+void check_tls(const Prefix& prefix) {
+    const std::string certificate = registry_text(prefix, "TlsCertificateFile");
+    const std::string key = registry_text(prefix, "TlsKeyFile");
+    const std::string what = "TLS certificate";
+    if (certificate.empty() && key.empty()) return say(true, what, "not set: no STARTTLS");
+#if QBSMTP_HOST_TLS
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    std::string problem, until;
+    if (context == nullptr) {
+        problem = "no TLS context";
+    } else if (certificate.empty() || key.empty()) {
+        problem = "TlsCertificateFile and TlsKeyFile go together: no STARTTLS";
+    } else if (SSL_CTX_use_certificate_chain_file(context, certificate.c_str()) != 1) {
+        problem = certificate + " does not load: reception runs without STARTTLS";
+    } else if (SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) != 1 ||
+               SSL_CTX_check_private_key(context) != 1) {
+        problem = key + " does not load or is not the certificate's key: no STARTTLS";
+    } else {
+        const ASN1_TIME* end = X509_get0_notAfter(SSL_CTX_get0_certificate(context));
+        BIO* text = BIO_new(BIO_s_mem());
+        char* data = nullptr;
+        if (text != nullptr && ASN1_TIME_print(text, end) == 1) {
+            const long length = BIO_get_mem_data(text, &data);
+            until.assign(data, static_cast<std::size_t>(length));
+        }
+        BIO_free(text);
+        if (X509_cmp_current_time(end) < 0)
+            problem = certificate + " expired " + until + ": clients that check it refuse STARTTLS";
+    }
+    SSL_CTX_free(context);
+    ERR_clear_error();
+    say(problem.empty(), what,
+        problem.empty() ? certificate + " and its key load and match; valid until " + until
+                        : problem);
+#else
+    say(false, what, "set, but this build has no TLS: reception runs without STARTTLS");
+#endif
 }
 
 void check_port(const Prefix& prefix) {
@@ -162,6 +222,7 @@ int run_check(const CheckOptions& options) {
     check_port(prefix);  // before the module loads and its listener could appear
     check_module(options, prefix);
     check_spool(options, prefix);
+    check_tls(prefix);
     check_relay(options, prefix);
     return all_ok ? 0 : 1;
 }

@@ -30,6 +30,15 @@ struct ServeOptions {
     bool delete_taken = false;
     SubtypeRank subtype_rank = default_subtype_rank();
     std::optional<ExecSettings> exec;  // --exec: a command per record
+    // Reception's settings, written for the module's load; each only when
+    // given.
+    std::optional<std::string> tls_cert;  // TlsCertificateFile
+    std::optional<std::string> tls_key;   // TlsKeyFile
+    bool require_tls = false;             // RequireTls 1
+    bool esmtp = false;                   // Esmtp 1
+    std::vector<std::string> allow;       // AllowedClients, joined by commas
+    std::optional<std::uint32_t> max_message_size;
+    std::optional<std::uint32_t> max_sessions;
 };
 
 struct ParseOptions {

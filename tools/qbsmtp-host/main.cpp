@@ -145,6 +145,28 @@ int main(int argc, char** argv) {
         ->check(port_range);
     serve_command->add_flag("--delete", serve.delete_taken,
                             "Delete each spool file once printed (default: move it to done/)");
+    serve_command
+        ->add_option("--tls-cert", serve.tls_cert,
+                     "PEM certificate (chain) for STARTTLS; with --tls-key")
+        ->check(CLI::ExistingFile);
+    serve_command->add_option("--tls-key", serve.tls_key, "PEM private key of --tls-cert")
+        ->check(CLI::ExistingFile);
+    serve_command->add_flag("--require-tls", serve.require_tls,
+                            "Refuse MAIL, RCPT and DATA with 530 until STARTTLS");
+    serve_command->add_flag("--esmtp", serve.esmtp,
+                            "Answer EHLO even without a certificate (default: 500, as documented)");
+    serve_command
+        ->add_option("--allow", serve.allow,
+                     "Accept connections only from this IPv4 address or CIDR range (repeatable)")
+        ->type_name("CIDR");
+    serve_command
+        ->add_option("--max-message-size", serve.max_message_size,
+                     "Refuse a message of more bytes with 552")
+        ->type_name("BYTES");
+    serve_command
+        ->add_option("--max-sessions", serve.max_sessions,
+                     "Turn away connections beyond this many sessions with 421")
+        ->type_name("N");
     add_prefer_option(*serve_command, serve.subtype_rank);
     ExecOptions serve_exec;
     add_exec_options(*serve_command, serve_exec);

@@ -17,6 +17,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -115,6 +116,32 @@ Reception wait_for_listener(int port, EventLogReader& events, std::string& why) 
     }
 }
 
+// Reception's settings that the command line gives; file names are made
+// absolute, as the module does not share this process's directory view.
+std::string reception_settings(const ServeOptions& options) {
+    std::string lines;
+    const auto dword = [&](const char* name, std::uint32_t value) {
+        char text[80];
+        std::snprintf(text, sizeof text, "\"%s\"=dword:%08x\n", name, static_cast<unsigned>(value));
+        lines += text;
+    };
+    const auto file = [&](const char* name, const std::optional<std::string>& path) {
+        if (path) lines += registry_text_line(name, fs::absolute(*path).string());
+    };
+    file("TlsCertificateFile", options.tls_cert);
+    file("TlsKeyFile", options.tls_key);
+    if (options.require_tls) dword("RequireTls", 1);
+    if (options.esmtp) dword("Esmtp", 1);
+    if (!options.allow.empty()) {
+        std::string list;
+        for (const std::string& entry : options.allow) list += (list.empty() ? "" : ",") + entry;
+        lines += registry_text_line("AllowedClients", list);
+    }
+    if (options.max_message_size) dword("MaxMessageSize", *options.max_message_size);
+    if (options.max_sessions) dword("MaxSessions", *options.max_sessions);
+    return lines;
+}
+
 }  // namespace
 
 int run_serve(const ServeOptions& options) {
@@ -126,9 +153,17 @@ int run_serve(const ServeOptions& options) {
     block_stop_signals();
     EventLogReader events(prefix.events(), true);
 
-    Module module;
     std::string error;
-    if (!module.load(module_candidates(options.module_path), error)) {
+    TemporarySettings settings;
+    const std::string lines = reception_settings(options);
+    if (!lines.empty() && !settings.apply(prefix.registry(), lines, error)) {
+        std::cerr << "qbsmtp-host: " << error << '\n';
+        return 1;
+    }
+    Module module;
+    const bool loaded = module.load(module_candidates(options.module_path), error);
+    settings.restore();
+    if (!loaded) {
         std::cerr << "qbsmtp-host: " << error << '\n';
         return 1;
     }
