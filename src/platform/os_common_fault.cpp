@@ -8,6 +8,7 @@
 // and fault_hit reads it first (acquire), so a hit always sees the
 // error and position that were armed with it.
 #include <atomic>
+#include <mutex>
 
 #include "platform/os.h"
 #include "platform/os_fault.h"
@@ -32,7 +33,32 @@ FaultSlot* slot_of(Op op) {
     return index < slot_count ? &fault_slots[index] : nullptr;
 }
 
+std::atomic<bool> capturing{false};
+std::mutex captured_lock;
+std::vector<ReportedEvent>& captured() {
+    static auto* events = new std::vector<ReportedEvent>;  // outlives the module's threads
+    return *events;
+}
+
 }  // namespace
+
+void event_capture(bool on) {
+    capturing.store(on, std::memory_order_release);
+}
+
+std::vector<ReportedEvent> events_captured() {
+    std::lock_guard lock(captured_lock);
+    return captured();
+}
+
+void event_reported(WORD type, DWORD id, WORD string_count, const char** strings) {
+    if (!capturing.load(std::memory_order_acquire)) return;
+    ReportedEvent event{type, id, {}};
+    for (WORD i = 0; i < string_count && strings != nullptr; ++i)
+        event.strings.emplace_back(strings[i] != nullptr ? strings[i] : "");
+    std::lock_guard lock(captured_lock);
+    captured().push_back(std::move(event));
+}
 
 void fault_arm(Op op, unsigned nth, DWORD error, bool every_after) {
     FaultSlot* slot = slot_of(op);

@@ -6,6 +6,9 @@
 // to the armed code and the function returns its failure value.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "platform/os_types.h"
 
 namespace qbsmtp::os {
@@ -66,6 +69,19 @@ unsigned fault_calls(Op op);
 // Used by the backends: true when this call is to fail; the armed error is
 // then set as last error (and as Winsock error).
 bool fault_hit(Op op);
+
+// Event capture, for tests that compare the events a run reported the same
+// way on every platform: while it is on, each ReportEventA that passes the
+// seam with an open source is recorded, its strings as the module gave them
+// (code page 1252). Backends call event_reported.
+struct ReportedEvent {
+    WORD type;
+    DWORD id;
+    std::vector<std::string> strings;
+};
+void event_capture(bool on);
+std::vector<ReportedEvent> events_captured();
+void event_reported(WORD type, DWORD id, WORD string_count, const char** strings);
 
 // RAII for tests: disarms everything when it goes out of scope.
 struct FaultScope {

@@ -181,6 +181,7 @@ BOOL ReportEventA(HANDLE source, WORD type, WORD /*category*/, DWORD event_id, v
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
+    event_reported(type, event_id, string_count, strings);
     std::string source_name = utf8(handle->name.c_str());
     std::string text = utf8(posix::expand_event_text(event_id, strings, string_count).c_str());
     char id[16];

@@ -18,6 +18,7 @@ BOOL DeregisterEventSource(HANDLE source) {
 BOOL ReportEventA(HANDLE source, WORD type, WORD category, DWORD event_id, void* user_sid,
                   WORD string_count, DWORD data_size, const char** strings, void* data) {
     if (fault_hit(Op::ReportEventA)) return 0;
+    if (source != nullptr) event_reported(type, event_id, string_count, strings);
     return ::ReportEventA(source, type, category, event_id, static_cast<PSID>(user_sid),
                           string_count, data_size, strings, data);
 }

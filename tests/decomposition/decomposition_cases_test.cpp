@@ -240,6 +240,17 @@ const std::string& prefix_path() {
                      "text/plain txt\ntext/html html htm\napplication/pdf pdf\nimage/gif gif\n"
                      "message/rfc822 eml\n");
         setenv("QBSMTP_MIME_TYPES", prefix.file("mime.types").c_str(), 1);
+#ifdef _WIN32  // the same types where Windows keeps them
+        std::string types;
+        for (const auto& [type, extension] : {std::pair{"text/plain", ".txt"},
+                                              {"text/html", ".html"},
+                                              {"application/pdf", ".pdf"},
+                                              {"image/gif", ".gif"},
+                                              {"message/rfc822", ".eml"}})
+            types += "[HKEY_CLASSES_ROOT\\MIME\\Database\\Content Type\\" + std::string(type) +
+                     "]\n\"Extension\"=\"" + extension + "\"\n";
+        write_registry(types);
+#endif
         os::set_module_resources(module_resources());
         event_reporter.source_handle = os::RegisterEventSourceA(nullptr, "QBSMTP");
         mime_type_map.load();
@@ -267,6 +278,9 @@ std::string list_bytes(const char* block) {
     return bytes;
 }
 
+// The module joins paths with the platform's separator.
+const std::string sep(1, os::path_separator);
+
 class Decomposition : public ::testing::TestWithParam<std::string> {
   protected:
     std::string spool;
@@ -274,8 +288,8 @@ class Decomposition : public ::testing::TestWithParam<std::string> {
     MailRecord record{};
 
     void SetUp() override {
-        spool = prefix_path() + "/spool-" + GetParam();
-        mime = spool + "/mime";
+        spool = prefix_path() + sep + "spool-" + GetParam();
+        mime = spool + sep + "mime";
         // Another fixture of the binary may have run before and closed the
         // event source, or pointed the event log's reader elsewhere.
         setenv("QBSMTP_PREFIX", prefix_path().c_str(), 1);
@@ -296,14 +310,16 @@ class Decomposition : public ::testing::TestWithParam<std::string> {
     }
     // The spool file in place, as intake leaves it.
     std::string place(const std::string& name) {
-        const std::string path = spool + "/" + name + ".822";
+        const std::string path = spool + sep + name + ".822";
         fs::copy_file(cases_dir / (name + ".822"), path);
         return path;
     }
     std::string with_places(const std::string& text, const std::string& file) const {
         std::string out = text;
-        for (const auto& [mark, value] : {std::pair<std::string, std::string>{"{mime}", mime},
-                                          std::pair<std::string, std::string>{"{file}", file}}) {
+        for (const auto& [mark, value] :
+             {std::pair<std::string, std::string>{"{mime}/", mime + sep},
+              std::pair<std::string, std::string>{"{mime}", mime},
+              std::pair<std::string, std::string>{"{file}", file}}) {
             for (std::size_t at; (at = out.find(mark)) != std::string::npos;)
                 out.replace(at, mark.size(), value);
         }
@@ -312,9 +328,9 @@ class Decomposition : public ::testing::TestWithParam<std::string> {
     void check_file(const std::string& path, const FileExpect& f, std::size_t index,
                     const std::string& spooled) {
         SCOPED_TRACE("file " + std::to_string(index + 1) + ": " + path);
-        const std::string name = path.substr(path.rfind('/') + 1);
+        const std::string name = path.substr(path.rfind(sep) + 1);
         const std::string extension = f.extension == "-" ? "" : f.extension;
-        EXPECT_EQ(path.substr(0, mime.size() + 1), mime + "/");
+        EXPECT_EQ(path.substr(0, mime.size() + 1), mime + sep);
         EXPECT_EQ(name.size(), 8 + extension.size());
         EXPECT_EQ(name.substr(0, 8).find_first_not_of("0123456789"), std::string::npos);
         EXPECT_EQ(name.substr(std::min<std::size_t>(8, name.size())), extension);
@@ -337,6 +353,14 @@ class Decomposition : public ::testing::TestWithParam<std::string> {
 
 TEST_P(Decomposition, Case) {
     const Expect e = read_expect(cases_dir / (GetParam() + ".expect"));
+#ifdef _WIN32
+    for (const FileExpect& f : e.files)
+        if (f.how == "sha256" || f.how == "python")
+            GTEST_SKIP()
+                << "the Python oracle is a Linux program, which Windows programs can't start";
+    if (GetParam() == "date_refused")
+        GTEST_SKIP() << "Wine's SystemTimeToFileTime takes 29 February of a common year";
+#endif
     const std::string spooled = place(GetParam());
     record.date = {static_cast<std::uint32_t>(host_date),
                    static_cast<std::uint32_t>(host_date >> 32)};
@@ -398,7 +422,7 @@ TEST_P(Pickup, EmptySpoolThenTheSameFileUntilItIsRemoved) {
     MailRecord untouched;
     std::memset(&untouched, 0xA5, sizeof untouched);
     MailRecord probe = untouched;
-    write_file(spool + "/rx000001.tmp", "Subject: x\r\n\r\nbody");  // not a message yet
+    write_file(spool + sep + "rx000001.tmp", "Subject: x\r\n\r\nbody");  // not a message yet
     EXPECT_EQ(SMTPRecvNext(&probe), 1);
     EXPECT_EQ(std::memcmp(&probe, &untouched, sizeof probe), 0);
 

@@ -25,9 +25,9 @@ class StartModule : public test::ReportingFrame,
 TEST_P(StartModule, Row) {
     const test::Case& c = GetParam();
     if (c[0] != "nokey") {
-        std::string text = "REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\" + std::string(settings_key) + "]\n";
+        std::string text = "[HKEY_LOCAL_MACHINE\\" + std::string(settings_key) + "]\n";
         for (const std::string& line : test::split(c[0], ';')) text += line + "\n";
-        prefix.write("registry.reg", text);
+        test::write_registry(text);
     }
     test::arm_faults(c[1]);
     start_module();

@@ -121,8 +121,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
         if (line.tag == "setting") settings += line.text + "\n";
         if (line.tag == "tz") zone = line.text;
     }
-    ::setenv("TZ", zone.c_str(), 1);
-    ::tzset();
+    if (!set_zone(zone)) GTEST_SKIP() << "the zone " << zone << " is not the system's";
     const std::time_t from = std::time(nullptr);
     ReceptionFixture module(settings);
     for (const TranscriptLine& line : lines)
@@ -197,7 +196,7 @@ TEST_P(Dialogue, RepliesFilesAndEvents) {
     std::vector<std::string> names, contents;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(module.spool())) {
         if (!entry.is_regular_file()) continue;
-        names.push_back(std::filesystem::relative(entry.path(), module.spool()).string());
+        names.push_back(std::filesystem::relative(entry.path(), module.spool()).generic_string());
         contents.push_back(read_file(entry.path().string()));
     }
     label_spool_names({&names, &events});

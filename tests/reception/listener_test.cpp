@@ -118,7 +118,9 @@ TEST_P(PortHeld, ButNotServedIsTakenOver) {
     ASSERT_TRUE(holder);
     ASSERT_EQ(module.start(), 1);
     EXPECT_EQ(module.connect()->command("NOOP"), noop_ok);
-    EXPECT_EQ(events_with_id(event::port_in_use).size(), os::reuse_address_before_bind ? 0u : 1u);
+    // A Windows bind passes ends left waiting by itself (os.h).
+    const bool first_bind_takes = os::reuse_address_before_bind || GetParam();
+    EXPECT_EQ(events_with_id(event::port_in_use).size(), first_bind_takes ? 0u : 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(ByTimeWait, PortHeld, ::testing::Bool());

@@ -88,9 +88,10 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
     const HostileCase& c = GetParam();
     ::setenv("TMPDIR", "/dev/shm", 1);  // the files are large: keep them in memory
     ReceptionFixture module({}, false);
-    const std::string spool = module.spool(), mime = spool + "/mime",
-                      file = spool + "/rx000001.822";
-    fs::create_directories(spool + "/cwd");
+    const std::string sep(1, os::path_separator);  // as the module joins names
+    const std::string spool = module.spool(), mime = spool + sep + "mime",
+                      file = spool + sep + "rx000001.822";
+    fs::create_directories(spool + sep + "cwd");
     ASSERT_EQ(module.start(), 1);
     SMTPRecvStop();  // decomposition alone
     {
@@ -100,7 +101,7 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
     }
     const auto size = fs::file_size(file);
     const fs::path old_directory = fs::current_path();
-    fs::current_path(spool + "/cwd");  // a relative path would show here
+    fs::current_path(spool + sep + "cwd");  // a relative path would show here
     const long peak_before = resident_kib("VmHWM:");
     MailRecord record{};
     const int result = SMTPRecvNext(&record);
@@ -118,12 +119,13 @@ TEST_P(HostileSpool, FinishesAndWritesOnlyUnderTheMimeDirectory) {
     EXPECT_EQ(fs::file_size(file), size);
     for (const auto& entry : fs::recursive_directory_iterator(spool)) {
         const std::string path = entry.path().string();
-        EXPECT_TRUE(path.rfind(mime, 0) == 0 || path == file || path == spool + "/cwd") << path;
+        EXPECT_TRUE(path.rfind(mime, 0) == 0 || path == file || path == spool + sep + "cwd")
+            << path;
     }
     long listed = 0;
     for (const char* p = record.attachments; p != nullptr && *p != '\0';
          p += std::strlen(p) + 1, ++listed)
-        EXPECT_TRUE(std::string(p).rfind(mime + "/", 0) == 0 && fs::exists(p)) << p << " listed";
+        EXPECT_TRUE(std::string(p).rfind(mime + sep, 0) == 0 && fs::exists(p)) << p << " listed";
     EXPECT_GE(listed, c.files);
 
     // The record lists one path per file, so it grows with the parts; the

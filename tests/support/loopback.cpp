@@ -215,9 +215,13 @@ ScriptedRelay::ScriptedRelay(std::vector<Step> script, std::uint16_t port)
 }
 
 int ScriptedRelay::stop() {
-    ::shutdown(listen_fd_, SHUT_RDWR);  // ends a wait in accept
+#ifdef _WIN32
+    // Winsock ends a wait in accept at the socket's close, not at shutdown.
+    if (listen_fd_ >= 0) close_socket(std::exchange(listen_fd_, -1));
+#endif
+    if (listen_fd_ >= 0) ::shutdown(listen_fd_, SHUT_RDWR);  // ends a wait in accept
     if (thread_.joinable()) thread_.join();
-    close_socket(std::exchange(listen_fd_, -1));
+    if (listen_fd_ >= 0) close_socket(std::exchange(listen_fd_, -1));
     return connections_.load();
 }
 

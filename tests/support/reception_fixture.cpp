@@ -17,13 +17,14 @@ namespace qbsmtp::test {
 
 ReceptionFixture::ReceptionFixture(std::string_view settings, bool start_now)
     : port_(free_tcp_port()), spool_(prefix_.file("spool")) {
-    ::setenv("QBSMTP_NO_SYSLOG", "1", 1);  // events.jsonl is enough
+    ::setenv("QBSMTP_NO_SYSLOG", "1", 1);  // the tests capture the events
+    // The POSIX backend's lookup of smtp needs the service; serve_smtp_on
+    // then gives it this test's port on every backend.
     prefix_.write("services", "smtp " + std::to_string(port_) + "/tcp\n");
-    prefix_.write("registry.reg",
-                  "REGEDIT4\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\KELTO\\Quillbox32\\SM]\n"
-                  "\"HostName\"=\"" +
-                      std::string(test_host_name) + "\"\n" + std::string(settings) + "\n");
+    write_registry("[HKEY_LOCAL_MACHINE\\" + std::string(settings_key) + "]\n\"HostName\"=\"" +
+                   test_host_name + "\"\n" + std::string(settings));
     process_attach(nullptr);
+    serve_smtp_on(port_);
     if (start_now && start() != 1) ADD_FAILURE() << "SMTPRecvInit failed";
 }
 

@@ -53,6 +53,14 @@ std::string local_time(std::time_t t, const char* format) {
     return std::string(text, std::strftime(text, sizeof text, format, &at));
 }
 
+// A local time as the module stamps it: "5 Jun 00 14:03:07" (the C
+// runtime of Windows spells the unpadded day %#d).
+#ifdef _WIN32
+constexpr const char* stamp_format = "%#d %b %y %H:%M:%S";
+#else
+constexpr const char* stamp_format = "%-d %b %y %H:%M:%S";
+#endif
+
 // The start of bytes (gtest shows its control bytes escaped).
 std::string show(std::string_view bytes) {
     return "\"" + std::string(bytes.substr(0, 60)) + (bytes.size() > 60 ? "\"..." : "\"");
@@ -110,7 +118,16 @@ std::string difference(std::string_view expected, std::string_view actual, std::
                        std::time_t to) {
     std::size_t at = 0;
     std::time_t clock = -1;  // the reading that the last {time} showed
-    for (const Piece& piece : parse(expected)) {
+    std::vector<Piece> pieces = parse(expected);
+#ifdef _WIN32
+    // Windows answers a zone without daylight saving with TIME_ZONE_ID_UNKNOWN,
+    // and the module stamps that as +0000, whatever the zone's bias.
+    for (std::size_t i = 1; zone_without_daylight() && i < pieces.size(); ++i)
+        if (pieces[i - 1].placeholder == "time" && pieces[i].bytes.size() >= 6 &&
+            pieces[i].bytes.find_first_of("+-") == 1)
+            pieces[i].bytes.replace(1, 5, "+0000");
+#endif
+    for (const Piece& piece : pieces) {
         std::string_view rest = actual.substr(at);
         if (!rest.starts_with(piece.bytes)) {
             std::size_t same = 0;  // a byte differs before the end of piece.bytes
@@ -125,8 +142,8 @@ std::string difference(std::string_view expected, std::string_view actual, std::
         if (p == "rest") return {};
         if (p == "n") found = rest.substr(0, rest.find_first_not_of("0123456789"));
         for (std::time_t t = from - 1; p == "time" && t <= to + 1 && found.empty(); ++t)
-            if (rest.starts_with(local_time(t, "%-d %b %y %H:%M:%S")))
-                found = local_time(clock = t, "%-d %b %y %H:%M:%S");
+            if (rest.starts_with(local_time(t, stamp_format)))
+                found = local_time(clock = t, stamp_format);
         const std::string boundary = local_time(clock, "QBsmtp-part-%Y%m%d-%H%M%S");
         if (p == "boundary" && clock != -1 && rest.starts_with(boundary)) found = boundary;
         if (!p.empty() && found.empty())
@@ -146,8 +163,14 @@ std::vector<std::string> event_lines(const std::string& path, const std::string&
         lines.push_back(line);
         for (std::size_t i = 0; i < event.strings.size(); ++i)
             lines.back() += (i == 0 ? " " : " | ") + event.strings[i];
-        for (std::size_t at; !path.empty() && (at = lines.back().find(path)) != std::string::npos;)
+        for (std::size_t at;
+             !path.empty() && (at = lines.back().find(path)) != std::string::npos;) {
             lines.back().replace(at, path.size(), token);
+#ifdef _WIN32  // the names below it with '/', as the cases write them
+            for (at += token.size(); at < lines.back().size() && lines.back()[at] != ' '; ++at)
+                if (lines.back()[at] == '\\') lines.back()[at] = '/';
+#endif
+        }
     }
     return lines;
 }
@@ -159,6 +182,16 @@ void expect_events(const std::vector<std::string>& expected, const std::vector<s
         ASSERT_LT(i, got.size()) << "an event expected but absent: " << expected[i];
         EXPECT_EQ(difference(expected[i], got[i], from, to), "");
     }
+}
+
+bool set_zone(const std::string& zone) {
+#ifdef _WIN32
+    static const std::string started = getenv("TZ") != nullptr ? getenv("TZ") : "";
+    if (zone != started) return false;
+#endif
+    ::setenv("TZ", zone.c_str(), 1);
+    ::tzset();
+    return true;
 }
 
 void arm_fault(const std::string& text) {

@@ -49,6 +49,11 @@ std::vector<std::string> event_lines(const std::string& path = {}, const std::st
 void expect_events(const std::vector<std::string>& expected, const std::vector<std::string>& got,
                    std::time_t from, std::time_t to);
 
+// Makes zone (a TZ value) the local zone of the run; false where a running
+// program cannot change it: Windows takes its zone from the system (under
+// Wine, from the TZ the program started with), never from TZ.
+bool set_zone(const std::string& zone);
+
 // Arms the fault that "OP N ERROR [always]" describes (see os::fault_arm).
 void arm_fault(const std::string& text);
 

@@ -53,3 +53,11 @@ struct rusage {
 int getrusage(int who, rusage* usage);
 // The handles the process holds, as its open descriptors.
 long open_handle_count();
+
+// With a name: HKEY_LOCAL_MACHINE and HKEY_CLASSES_ROOT of this process
+// become fresh keys of that name under HKEY_CURRENT_USER; with null, they
+// are the system's again and those keys are deleted.
+void private_registry(const char* name);
+// Whether the system's zone has no daylight saving (GetTimeZoneInformation
+// answers TIME_ZONE_ID_UNKNOWN).
+bool zone_without_daylight();
