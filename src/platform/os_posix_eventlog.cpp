@@ -35,6 +35,7 @@
 #include "platform/os_fault.h"
 #include "platform/os_posix_fd.h"
 #include "platform/os_posix_internal.h"
+#include "platform/os_text.h"
 
 namespace qbsmtp::os {
 namespace {
@@ -105,7 +106,7 @@ std::string iso_time_now() {
 
 std::string utf8(const char* text) {
     std::string out;
-    if (text != nullptr) posix::append_utf8_from_cp1252(out, text, std::strlen(text));
+    if (text != nullptr) os::append_utf8_from_cp1252(out, text, std::strlen(text));
     return out;
 }
 

@@ -82,8 +82,6 @@ std::mutex& time_zone_lock();
 FILETIME filetime_from_unix(std::int64_t seconds, std::int64_t nanoseconds);
 
 // ---- Text --------------------------------------------------------------------
-// Appends text (code page 1252) to out as UTF-8.
-void append_utf8_from_cp1252(std::string& out, const char* text, std::size_t length);
 // Appends text (UTF-8) to out as a JSON string with its quotes.
 void append_json_string(std::string& out, const std::string& text);
 

@@ -13,6 +13,7 @@
 #include "frame/text_ops.h"
 #include "platform/os_fault.h"
 #include "platform/os_posix_internal.h"
+#include "platform/os_text.h"
 #include "support/case_table.h"
 
 namespace qbsmtp {
@@ -20,7 +21,7 @@ namespace {
 
 std::string utf8(const char* cp1252) {
     std::string out;
-    os::posix::append_utf8_from_cp1252(out, cp1252, std::strlen(cp1252));
+    os::append_utf8_from_cp1252(out, cp1252, std::strlen(cp1252));
     return out;
 }
 

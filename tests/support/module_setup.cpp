@@ -7,6 +7,7 @@
 #include "frame/module_state.h"
 #include "platform/os.h"
 #include "platform/os_fault.h"
+#include "platform/os_text.h"
 #include "support/event_log.h"
 #include "support/temp_prefix.h"
 
@@ -17,29 +18,9 @@ namespace {
 // Every program with these helpers captures its events from the start.
 const bool capturing = (os::event_capture(true), true);
 
-// 0x80-0x9F of code page 1252; its five holes are the C1 controls, as the
-// system's conversion gives them.
-constexpr char16_t cp1252_high[32] = {
-    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
-
 std::string utf8(const std::string& text) {
     std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        const char16_t code = byte >= 0x80 && byte <= 0x9F ? cp1252_high[byte - 0x80] : byte;
-        if (code < 0x80) {
-            out += static_cast<char>(code);
-        } else if (code < 0x800) {
-            out += static_cast<char>(0xC0 | (code >> 6));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else {
-            out += static_cast<char>(0xE0 | (code >> 12));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        }
-    }
+    os::append_utf8_from_cp1252(out, text.data(), text.size());
     return out;
 }
 
